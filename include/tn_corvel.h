@@ -1,0 +1,127 @@
+/**
+ * @file
+ * Access to USB-to-CAN adapters of the Corvel kind, which the kernel exposes as the network
+ * interfaces can0, can1 and so on.
+ *
+ * An application initialises an adapter with corvel_initDLL(), then sends and receives single
+ * frames with corvel_writeMessage() and corvel_readMessage(), and ends with corvel_freeDLL(). All
+ * four name the adapter by its device index: the number N of its interface canN.
+ *
+ * Threads: any thread may call any function, for any index. A read that waits holds up no other
+ * call but a second read on the same device. The caller's one duty: for one index, an
+ * initialisation must not run at the same time as another initialisation or a release.
+ *
+ * A release may meet reads and writes of other threads. It does not wait for them; they fail, a
+ * waiting read as soon as the link is down rather than after its time-out, and they never touch
+ * what the application opens meanwhile. (This takes two spare file descriptors during the release.
+ * In a process that has none left, such a call goes on with the closed descriptor.)
+ *
+ * Devices still initialised when the library is unloaded or the process exits stay configured and
+ * up: release each device first.
+ *
+ * Failures are reported by status; the reason goes to the log. C++ callers: no function catches
+ * std::bad_alloc. Where it leaves a function, no lock is held, no descriptor is left open, an
+ * initialisation has registered nothing, a release has removed the device, and the next call works.
+ * The link itself may be left up.
+ */
+#ifndef TN_CORVEL_H
+#define TN_CORVEL_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+/** Marks what the shared library exports. */
+#define CORVEL_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** What the functions return. There is no status 4. */
+enum corvel_Status {
+    CORVEL_SUCCESS = 0,     /**< Done. */
+    CORVEL_NO_DEVICE = 1,   /**< Nothing done: no such device, or it is already initialised. */
+    CORVEL_NO_FRAME = 2,    /**< No frame was read: time-out, or reading failed. */
+    CORVEL_NOT_WRITTEN = 3, /**< The frame was not written. */
+    CORVEL_OPEN_FAILED = 5  /**< The interface exists but could not be configured or opened. */
+};
+
+/**
+ * One CAN or CAN FD frame: 24 bytes, in the machine's byte order. The caller owns every record; the
+ * library uses it only during the call that receives it.
+ *
+ * The record does not say whether a frame is classic or CAN FD: a device sends the format that it
+ * was initialised for, and receives both. It carries at most 8 payload bytes; CAN FD frames with
+ * more are refused in both directions.
+ */
+typedef struct _corvel_CanMsg {
+    /**
+     * Sent: the 11-bit or 29-bit identifier. Not masked: bits 31 (extended), 30 (remote) and 29
+     * (error) reach the kernel as they are, so a received record can be sent back unchanged.
+     * Received: the identifier in bits 0 to 28, and those three flags.
+     */
+    uint32_t id;
+    uint8_t data[8];     /**< Payload in frame order; only the first len bytes count. */
+    uint8_t len;         /**< Payload bytes, 0 to 8. Sent above 8: classic 8, CAN FD refused. */
+    uint8_t reserved[7]; /**< Neither read nor written. */
+    uint8_t remote;      /**< Remote frame (classic only): any value but 0; received 0 or 1. */
+    uint8_t extended;    /**< 29-bit identifier: any value but 0; received 0 or 1. */
+} _corvel_CanMsg;
+
+/**
+ * Configures interface "can" + devIndex, brings it up and opens it.
+ *
+ * Runs two `ip link set` commands under `sudo`, which the calling user must be allowed to use, and
+ * takes as long as they do. The application must not ignore SIGCHLD meanwhile: the commands'
+ * outcome would be lost (status 5). After status 5 the link may be left up.
+ *
+ * @param devIndex number of the interface; not a position, not the kernel's interface index
+ * @param bitrate  nominal bit rate in kbit/s, at most 4294967; only the controller's driver checks
+ * it
+ * @param canFd    true: CAN FD. Every frame is then sent as a CAN FD frame with bit-rate switch.
+ * @param dbitrate data-phase bit rate in kbit/s, as bitrate; without effect unless canFd
+ * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is already initialised, the interfaces
+ *         cannot be listed or none has this number; CORVEL_OPEN_FAILED
+ */
+CORVEL_API int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd,
+                                  uint32_t dbitrate);
+
+/**
+ * Closes a device and takes its interface down, by one `ip link set` command under `sudo`.
+ *
+ * @param devIndex index of an initialised device
+ * @return CORVEL_SUCCESS, whatever the command achieved; CORVEL_NO_DEVICE when the index is not
+ *         initialised
+ */
+CORVEL_API int32_t corvel_freeDLL(int32_t devIndex);
+
+/**
+ * Hands one frame to the kernel for transmission. Does not wait for it to appear on the bus.
+ *
+ * @param devIndex index of an initialised device
+ * @param msg      frame to send
+ * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is not initialised; CORVEL_NOT_WRITTEN
+ *         when the transmit queue is full (try again later), the link is down, msg is null, or a
+ *         CAN FD device is asked for a remote frame or for more than 8 bytes
+ */
+CORVEL_API int32_t corvel_writeMessage(int32_t devIndex, const struct _corvel_CanMsg* msg);
+
+/**
+ * Waits for one frame and takes it from the device's receive queue.
+ *
+ * @param devIndex index of an initialised device
+ * @param msg      receives the frame: id, len, remote, extended and the first len bytes of data.
+ *                 Everything else in it, and all of it when no frame was read, stays as it was.
+ * @param timeout  longest wait in milliseconds; 0 polls. There is no endless wait.
+ * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is not initialised; CORVEL_NO_FRAME when
+ *         none came in time, a signal interrupted the wait, the link is down, msg is null, or a CAN
+ *         FD frame of more than 8 bytes came, which is dropped
+ */
+CORVEL_API int32_t corvel_readMessage(int32_t devIndex, struct _corvel_CanMsg* msg,
+                                      uint32_t timeout);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,285 @@
+#include "driverforsocketcan.h"
+
+#include <fcntl.h>
+#include <linux/can.h>
+#include <linux/can/raw.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netlink/errno.h>
+#include <netlink/netlink.h>
+#include <netlink/route/link.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "log.h"
+
+namespace corvel {
+namespace {
+
+// Up to the identifiers of transport protocols; newer headers append what raw sockets do not use.
+constexpr socklen_t addressLength = 16;
+
+struct NetlinkSocketDeleter {
+    void operator()(nl_sock* socket) const {
+        ::nl_close(socket);
+        ::nl_socket_free(socket);
+    }
+};
+
+struct CacheDeleter {
+    void operator()(nl_cache* cache) const { ::nl_cache_free(cache); }
+};
+
+void closeSocket(int* fd) {
+    if (*fd != -1) ::close(*fd);
+    *fd = -1;
+}
+
+// Interface names become part of a shell command, and of a structure that holds 15 characters.
+bool isAcceptable(const std::string& name) {
+    const auto allowed = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '.' || c == '_' || c == '-';
+    };
+    if (!name.empty() && name.size() < IFNAMSIZ && name[0] != '-' &&
+        std::all_of(name.begin(), name.end(), allowed)) {
+        return true;
+    }
+    CORVEL_LOG(failure) << "interface name refused:" << name;
+    return false;
+}
+
+bool configure(const DriverForSocketCan& driver, const std::string& command) {
+    int exitCode = -1;
+    if (driver.systemExecute(command, exitCode)) return true;
+    CORVEL_LOG(failure) << "error execute system cmd, error:" << exitCode;
+    return false;
+}
+
+bool bindSocket(int fd, const std::string& name) {
+    ifreq request{};
+    name.copy(request.ifr_name, IFNAMSIZ - 1);
+    if (::ioctl(fd, SIOCGIFINDEX, &request) < 0) {
+        const int error = errno;
+        CORVEL_LOG(failure) << "error reading index of " << name << ": " << std::strerror(error);
+        return false;
+    }
+    sockaddr_can address{};
+    address.can_family = AF_CAN;
+    address.can_ifindex = request.ifr_ifindex;
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), addressLength) < 0) {
+        CORVEL_LOG(failure) << "Error in socket bind";
+        return false;
+    }
+    return true;
+}
+
+bool enableCanFd(int fd) {
+    const int on = 1;
+    if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) != 0) {
+        CORVEL_LOG(failure) << "Error set CanFD";
+        return false;
+    }
+    return true;
+}
+
+// Waits for a descriptor that an fd_set cannot hold, with the results of select.
+int waitWithPoll(int fd, unsigned int timeout) {
+    const timespec limit{timeout / 1000, static_cast<long>(timeout % 1000) * 1000000};
+    pollfd waiting{fd, POLLIN, 0};
+    const int ready = ::ppoll(&waiting, 1, &limit, nullptr);
+    if (ready > 0 && (waiting.revents & POLLNVAL) != 0) {
+        errno = EBADF;
+        return -1;
+    }
+    return ready;
+}
+
+// Above 0 when `fd` is readable, 0 when the time-out in milliseconds has passed, below 0 with errno
+// set when waiting failed.
+int waitReadable(int fd, unsigned int timeout) {
+    if (fd < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    if (fd >= FD_SETSIZE) return waitWithPoll(fd, timeout);
+    timeval limit{timeout / 1000, static_cast<suseconds_t>(timeout % 1000) * 1000};
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    return ::select(fd + 1, &readable, nullptr, nullptr, &limit);
+}
+
+template <typename Frame>
+bool writeFrame(int fd, const Frame& frame) {
+    if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
+    const int error = errno;
+    CORVEL_LOG(failure) << "write error:" << std::strerror(error) << "(errno=" << error << ")";
+    return false;
+}
+
+}  // namespace
+
+bool DriverForSocketCan::scanDevices(std::vector<std::shared_ptr<IInterface>>& devices) {
+    const std::unique_ptr<nl_sock, NetlinkSocketDeleter> socket(::nl_socket_alloc());
+    nl_cache* links = nullptr;
+    int error = -NLE_NOMEM;
+    if (socket) {
+        ::nl_connect(socket.get(), NETLINK_ROUTE);  // a failure shows in the next call
+        error = ::rtnl_link_alloc_cache(socket.get(), AF_UNSPEC, &links);
+    }
+    if (error < 0) {
+        CORVEL_LOG(failure) << "could not access netlink device list, error code:" << error;
+        return false;
+    }
+    const std::unique_ptr<nl_cache, CacheDeleter> cache(links);
+    for (nl_object* entry = ::nl_cache_get_first(links); entry != nullptr;
+         entry = ::nl_cache_get_next(entry)) {
+        auto* const link = reinterpret_cast<rtnl_link*>(entry);
+        if (::rtnl_link_get_arptype(link) != ARPHRD_CAN) continue;
+        IInterface::DeviceDesc desc;
+        desc.ifindex = ::rtnl_link_get_ifindex(link);
+        desc.name = ::rtnl_link_get_name(link);
+        devices.push_back(std::make_shared<IInterface>(shared_from_this(), desc));
+    }
+    return true;
+}
+
+std::shared_ptr<IInterface> DriverForSocketCan::getDeviceByIndex(
+    unsigned int index, const std::vector<std::shared_ptr<IInterface>>& devices) {
+    const std::string name = "can" + std::to_string(index);
+    for (const auto& device : devices) {
+        if (device->name() == name) return device;
+    }
+    return nullptr;
+}
+
+bool DriverForSocketCan::systemExecute(const std::string& command, int& exitCode) const {
+    exitCode = -1;
+    const int status = ::system(command.c_str());
+    if (status == -1) {
+        const int error = errno;
+        CORVEL_LOG(failure) << "system() failed, errno: " << error << " (" << std::strerror(error)
+                            << ")";
+    } else if (WIFEXITED(status)) {
+        exitCode = WEXITSTATUS(status);
+        if (exitCode == 0) return true;
+        CORVEL_LOG(failure) << "Command returned non-zero exit code: " << exitCode;
+    } else if (WIFSIGNALED(status)) {
+        CORVEL_LOG(failure) << "Command terminated by signal: " << WTERMSIG(status);
+    } else {
+        CORVEL_LOG(failure) << "Command did not exit normally.\n";
+    }
+    return false;
+}
+
+bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
+                              unsigned int dbitrate) {
+    if (!isAcceptable(desc.name)) return false;
+
+    const std::string link = "sudo ip link set " + desc.name;
+    std::string up = link + " up type can bitrate " + std::to_string(bitrate);
+    if (canFd) {
+        up += " sample-point 0.75 dbitrate " + std::to_string(dbitrate) +
+              " sample-point 0.75 restart-ms 0 fd on";
+    } else {
+        up += " sample-point 0.875 restart-ms 0";
+    }
+    CORVEL_LOG(progress) << up;
+    if (!configure(*this, up)) return false;
+    if (!configure(*this, link + (canFd ? " txqueuelen 10000" : " txqueuelen 2000"))) return false;
+
+    desc.fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
+    if (desc.fd < 0) {
+        CORVEL_LOG(failure) << "error while opening socket";
+        return false;
+    }
+    std::unique_ptr<int, decltype(&closeSocket)> socket(&desc.fd, closeSocket);
+    ::fcntl(desc.fd, F_SETFD, FD_CLOEXEC);  // programs the application starts stay off the bus
+    if (!bindSocket(desc.fd, desc.name)) return false;
+    if (canFd && !enableCanFd(desc.fd)) return false;
+    socket.release();
+    return true;
+}
+
+void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
+    closeSocket(&desc.fd);
+    if (!isAcceptable(desc.name)) return;
+    const std::string down = "sudo ip link set " + desc.name + " down";
+    CORVEL_LOG(progress) << down;
+    [[maybe_unused]] const int ignored = ::system(down.c_str());
+}
+
+bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg& msg,
+                                      bool canFd) {
+    const canid_t id = msg.id | (msg.extended != 0 ? CAN_EFF_FLAG : 0);
+    if (!canFd) {
+        can_frame frame{};
+        frame.can_id = id | (msg.remote != 0 ? CAN_RTR_FLAG : 0);
+        frame.can_dlc = std::min<uint8_t>(msg.len, CAN_MAX_DLEN);
+        std::memcpy(frame.data, msg.data, frame.can_dlc);
+        return writeFrame(desc.fd, frame);
+    }
+    if (msg.remote != 0) {
+        CORVEL_LOG(failure) << "CAN FD does not support remote frames";
+        return false;
+    }
+    if (msg.len > sizeof msg.data) {
+        CORVEL_LOG(failure) << "CAN FD frame refused, len above 8:" << unsigned{msg.len};
+        return false;
+    }
+    canfd_frame frame{};
+    frame.can_id = id;
+    frame.len = msg.len;
+    frame.flags = CANFD_BRS;
+    std::memcpy(frame.data, msg.data, frame.len);
+    return writeFrame(desc.fd, frame);
+}
+
+// The size of what the socket delivers tells the format; a classic frame has the layout of a CAN FD
+// frame up to its 16 bytes. So the mode is not consulted.
+bool DriverForSocketCan::readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg,
+                                     bool /*canFd*/, unsigned int timeout) {
+    const int ready = waitReadable(desc.fd, timeout);
+    if (ready < 0) {
+        const int error = errno;
+        CORVEL_LOG(failure) << "select() error: " << std::strerror(error);
+        return false;
+    }
+    if (ready == 0) return false;
+
+    canfd_frame frame;
+    const ssize_t size = ::read(desc.fd, &frame, sizeof frame);
+    if (size < 0) {
+        const int error = errno;
+        CORVEL_LOG(failure) << "read() error: " << std::strerror(error);
+        return false;
+    }
+    if (size != CAN_MTU && size != CANFD_MTU) {
+        CORVEL_LOG(failure) << "invalid CAN frame size: " << size;
+        return false;
+    }
+    const uint8_t len = size == CAN_MTU ? std::min<uint8_t>(frame.len, CAN_MAX_DLEN) : frame.len;
+    if (len > sizeof msg.data) {
+        CORVEL_LOG(failure) << "CAN FD frame dropped, len above 8:" << unsigned{len};
+        return false;
+    }
+    msg.id = frame.can_id;
+    msg.remote = (frame.can_id & CAN_RTR_FLAG) != 0;
+    msg.extended = (frame.can_id & CAN_EFF_FLAG) != 0;
+    msg.len = len;
+    std::memcpy(msg.data, frame.data, len);
+    return true;
+}
+
+}  // namespace corvel

@@ -1,0 +1,52 @@
+#ifndef CORVEL_DRIVERFORSOCKETCAN_H
+#define CORVEL_DRIVERFORSOCKETCAN_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "idriver.h"
+
+namespace corvel {
+
+/// The driver for Linux SocketCAN: lists links over netlink, configures them with `ip` under
+/// `sudo`, and moves frames through raw CAN sockets. It has no state, so all its operations may run
+/// on any threads at once.
+class CORVEL_API DriverForSocketCan : public IDriver {
+public:
+    /// Lists every link of the CAN hardware type, whatever its name and state.
+    bool scanDevices(std::vector<std::shared_ptr<IInterface>>& devices) override;
+
+    /// Number N is the interface named "can" followed by N in decimal. Logs nothing.
+    std::shared_ptr<IInterface> getDeviceByIndex(
+        unsigned int index, const std::vector<std::shared_ptr<IInterface>>& devices) override;
+
+    /// Brings the link up with the given timing, sets its transmit queue length and binds a raw CAN
+    /// socket to it. A failure undoes no command that succeeded, but leaves no socket. A name that
+    /// is not 1 to 15 letters, digits, '.', '_' or '-', or starts with '-', is refused: it would
+    /// become part of a command.
+    bool open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
+              unsigned int dbitrate) override;
+
+    /// Closes the socket and takes the link down; whether that succeeds is not examined. Runs no
+    /// command for a name that open() refuses.
+    void close(IInterface::DeviceDesc& desc) override;
+
+    /// Accepts classic and CAN FD frames in either mode. A CAN FD frame of more than 8 bytes does
+    /// not fit the record: it is consumed and reported as a failure.
+    bool readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg, bool canFd,
+                     unsigned int timeout) override;
+
+    /// Does not wait for room in the transmit queue. In CAN FD mode every frame is sent as a CAN FD
+    /// frame with bit-rate switch; remote frames and more than 8 bytes are refused.
+    bool writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg& msg,
+                      bool canFd) override;
+
+    /// Runs a command line through the shell, unchanged, and waits for it to end. True when it
+    /// exited with 0. `exitCode` receives its exit status, or -1 when it did not exit by itself.
+    bool systemExecute(const std::string& command, int& exitCode) const;
+};
+
+}  // namespace corvel
+
+#endif

@@ -1,0 +1,95 @@
+#include "iinterface.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "idriver.h"
+#include "log.h"
+
+namespace corvel {
+
+// Held by the handle while it is open and by every call that has copied the descriptor. Whoever
+// drops the last share gives back the number that a close has left behind, if any.
+struct IInterface::Lease {
+    int number = -1;
+
+    Lease() = default;
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+    ~Lease() {
+        if (number != -1) ::close(number);
+    }
+
+    // Moves the file to a new descriptor, for the driver to close, and keeps the old number taken
+    // by a file on which every select, read and write fails as on a closed descriptor. Without
+    // descriptors to spare `fd` stays as it is.
+    void retire(int& fd) {
+        const int dead = ::open("/", O_PATH | O_CLOEXEC);
+        const int moved = dead < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (moved >= 0) {
+            ::dup3(dead, fd, O_CLOEXEC);
+            number = fd;
+            fd = moved;
+        }
+        if (dead >= 0) ::close(dead);
+    }
+};
+
+IInterface::IInterface(const std::shared_ptr<IDriver>& driver, const DeviceDesc& desc)
+    : m_driver(driver), m_desc(desc) {}
+
+bool IInterface::open(unsigned int bitrate, bool canFd, unsigned int dbitrate) {
+    std::lock_guard<std::mutex> lock(m_stateMutex);
+    if (m_isOpen) {
+        CORVEL_LOG(refusal) << "The device is already open!";
+        return false;
+    }
+    m_canFd = canFd;
+    m_lease = std::make_shared<Lease>();
+    m_isOpen = m_driver->open(m_desc, bitrate, canFd, dbitrate);
+    return m_isOpen;
+}
+
+void IInterface::close() {
+    std::lock_guard<std::mutex> lock(m_stateMutex);
+    m_isOpen = false;  // first, so that it holds even when the driver throws
+    std::shared_ptr<Lease> lease = std::move(m_lease);
+    if (lease.use_count() > 1) {  // calls in progress use the number; no new ones can begin
+        lease->retire(m_desc.fd);
+    } else {
+        lease.reset();
+    }
+    m_driver->close(m_desc);
+}
+
+bool IInterface::readMessage(_corvel_CanMsg& msg, unsigned int timeout) {
+    std::unique_lock<std::mutex> state(m_stateMutex);
+    if (!m_isOpen) return false;
+    const std::shared_ptr<Lease> lease = m_lease;
+    const DeviceDesc desc = m_desc;
+    const bool canFd = m_canFd;
+    state.unlock();
+
+    std::lock_guard<std::mutex> lock(m_readMutex);
+    return m_driver->readMessage(desc, msg, canFd, timeout);
+}
+
+bool IInterface::writeMessage(const _corvel_CanMsg& msg) {
+    std::unique_lock<std::mutex> state(m_stateMutex);
+    if (!m_isOpen) {
+        CORVEL_LOG(failure) << "Failed to write, isOpen:" << m_isOpen << " fd:" << m_desc.fd
+                            << " handle:" << m_desc.handle;
+        return false;
+    }
+    const std::shared_ptr<Lease> lease = m_lease;
+    const DeviceDesc desc = m_desc;
+    const bool canFd = m_canFd;
+    state.unlock();
+
+    std::lock_guard<std::mutex> lock(m_writeMutex);
+    return m_driver->writeMessage(desc, msg, canFd);
+}
+
+}  // namespace corvel
