@@ -26,7 +26,7 @@
 // The function that one of this library stands in for.
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
-enum { LINK_LIMIT = 32, FIRST_INDEX = 100, SOCKETS_PER_LINK = 8 };
+enum { LINK_LIMIT = 32, FIRST_INDEX = 100, SOCKETS_PER_LINK = 4 };
 
 struct link {
     char name[IFNAMSIZ];

@@ -14,7 +14,7 @@
  * - When a receiver's queue is full (some ten frames) the write fails with ENOBUFS, although other
  *   receivers may have got the frame. Without receivers the frame is taken and dropped.
  * - Taking an interface down wakes its sockets with a datagram of no bytes, not with an error.
- * - Eight sockets fit on an interface; binding one more fails with EADDRINUSE.
+ * - Four sockets fit on an interface; binding one more fails with EADDRINUSE.
  */
 #ifndef SIMCAN_H
 #define SIMCAN_H
