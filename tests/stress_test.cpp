@@ -64,11 +64,14 @@ void useOwnDescriptors(std::atomic<long>& strays) {
 
 TEST(Stress, CallsThatMeetReleasesTouchNothingElse) {
     std::atomic<bool> stop{false};
+    std::atomic<int> running{0};
     std::atomic<long> cycles{0}, sent{0}, received{0}, undocumented{0}, strays{0}, mixed{0};
     std::vector<std::thread> threads;
     const auto repeat = [&](const std::function<void()>& action) {
-        threads.emplace_back([&stop, action] {
+        ++running;
+        threads.emplace_back([&stop, &running, action] {
             while (!stop) action();
+            --running;
         });
     };
     for (const int32_t index : {0, 1}) {
@@ -103,6 +106,14 @@ TEST(Stress, CallsThatMeetReleasesTouchNothingElse) {
     repeat([&] { useOwnDescriptors(strays); });
     std::this_thread::sleep_for(std::chrono::seconds(4));
     stop = true;
+    for (int i = 0; i < 500 && running > 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (running > 0) {
+        fprintf(stderr, "%d threads hang, %ld strays, %ld mixed frames\n", running.load(),
+                strays.load(), mixed.load());
+        abort();
+    }
     for (auto& thread : threads) thread.join();
     printf("%ld cycles, %ld frames sent, %ld received\n", cycles.load(), sent.load(),
            received.load());

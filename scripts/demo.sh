@@ -1,0 +1,23 @@
+#!/bin/sh
+# Shows frames travelling between two adapters through the library.
+#
+# demo.sh             can0 and can1 of a simulated bus; needs no adapter
+# demo.sh --real A B  the machine's interfaces canA and canB, joined by a cable
+set -eu
+. "$(dirname "$0")/common.sh"
+
+case "${1-}" in
+    '') [ $# -eq 0 ] || exit 2 ;;
+    --real) [ $# -eq 3 ] || { echo "usage: demo.sh --real A B" >&2; exit 2; } ;;
+    *) sed -n '2,5s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+esac
+
+install_packages $build_packages
+cmake -S . -B build/release -G Ninja >/dev/null
+cmake --build build/release
+echo
+if [ "${1-}" = --real ]; then
+    install_packages sudo iproute2
+    exec build/release/exchange "$2" "$3"
+fi
+exec build/release/simcan/simcan build/release/exchange

@@ -1,0 +1,65 @@
+#!/bin/bash
+# Installs what the tests need and runs all of them. Ends with a table of the stages and CTest's
+# summary; the exit status is 0 when nothing failed.
+set -u
+. "$(dirname "$0")/common.sh"
+
+for option; do
+    case "$option" in
+        *) sed -n '2,3s/^# //p' "$0" >&2; exit 2 ;;
+    esac
+done
+
+install_packages $build_packages clang libclang-rt-14-dev clang-format libgtest-dev valgrind ||
+    exit 1
+mkdir -p build
+log=build/test.log
+: >"$log"
+failed=0
+table=
+
+# Runs one stage, with its output on screen and in the log.
+stage() {
+    echo "=== $1"
+    start=$SECONDS
+    if ("${@:2}") </dev/null 2>&1 | tee -a "$log"; [ "${PIPESTATUS[0]}" -eq 0 ]; then
+        verdict=passed
+    else
+        verdict=FAILED
+        failed=$((failed + 1))
+    fi
+    table+=$(printf '%-10s %-7s %4d s' "$1" "$verdict" $((SECONDS - start)))$'\n'
+}
+
+check_format() {
+    git ls-files -z '*.c' '*.cpp' '*.h' '*.hpp' | xargs -0 clang-format --dry-run -Werror
+}
+
+# Builds a preset and runs its tests. The sanitizers want address space laid out as usual.
+build_and_test() {
+    cmake --preset "$1" >/dev/null && cmake --build --preset "$1" &&
+        setarch -R ctest --preset "$1" "${@:2}"
+}
+
+memcheck() {
+    for test in unit_tests bus_test 'stress_test --gtest_filter=-Stress.*'; do
+        PATH=$PWD/build/dev/simcan:$PATH CORVEL_SHORT=1 LD_PRELOAD=$PWD/build/dev/simcan/libsimcan.so \
+            valgrind -q --leak-check=full --error-exitcode=9 build/dev/$test 2>&1 |
+            grep -v ' corvel: ' || return 1
+        [ "${PIPESTATUS[0]}" -eq 0 ] || return 1
+    done
+}
+
+fuzz() { build/asan/fuzz_read -max_total_time=60 -max_len=72 -verbosity=1 -print_final_stats=1; }
+
+stage format check_format
+stage g++ build_and_test dev -j2
+stage asan build_and_test asan
+stage tsan build_and_test tsan
+stage memcheck memcheck
+stage fuzz fuzz
+
+echo
+printf '%s' "$table"
+grep -A99 'tests passed' "$log" | grep -E 'tests passed|Total Test time|^\s+[0-9]+ - '
+[ "$failed" -eq 0 ]
