@@ -12,7 +12,7 @@ namespace corvel {
 /// The driver for Linux SocketCAN: lists links over netlink, configures them with `ip` under
 /// `sudo`, and moves frames through raw CAN sockets. It has no state, so all its operations may run
 /// on any threads at once.
-class CORVEL_API DriverForSocketCan : public IDriver {
+class CORVEL_API DriverForSocketCan final : public IDriver {
 public:
     /// Lists every link of the CAN hardware type, whatever its name and state.
     bool scanDevices(std::vector<std::shared_ptr<IInterface>>& devices) override;

@@ -14,7 +14,7 @@ using corvel::IInterface;
 using std::chrono::milliseconds;
 
 // Notes what it is asked, answers as told, and can be made to wait inside a read.
-class FakeDriver : public IDriver {
+class FakeDriver final : public IDriver {
 public:
     bool scanDevices(std::vector<std::shared_ptr<IInterface>>&) override { return false; }
     std::shared_ptr<IInterface> getDeviceByIndex(

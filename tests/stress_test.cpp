@@ -176,7 +176,9 @@ TEST(LongRun, NoFrameIsLostDoubledOrOutOfOrder) {
 }
 
 TEST(LongRun, MoreDescriptorsThanSelectCanHold) {
-    const rlimit limit{2000, 2000};
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 2000;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     std::vector<int> held;
     while (lowestFreeDescriptor() < 1100) held.push_back(dup(STDERR_FILENO));

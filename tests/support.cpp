@@ -73,6 +73,7 @@ nl_sock* nl_socket_alloc() {
 }
 }
 
+#ifndef THREAD_SANITIZER
 void* operator new(size_t size) {
     ++allocations;
     if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
@@ -85,6 +86,7 @@ void operator delete(void* memory) noexcept {
 void operator delete(void* memory, size_t) noexcept {
     free(memory);
 }
+#endif
 
 Log takeLog() {
     std::lock_guard<std::mutex> lock(logMutex);

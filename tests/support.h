@@ -13,6 +13,13 @@
 
 #include "driverforsocketcan.h"
 
+// ThreadSanitizer brings an operator new that no program can replace.
+#ifdef __has_feature
+#if __has_feature(thread_sanitizer)
+#define THREAD_SANITIZER
+#endif
+#endif
+
 using Log = std::vector<std::pair<int, std::string>>;  // level and message
 
 // What was logged, and which commands `sudo` was given, since the last such call.

@@ -100,13 +100,13 @@ static const struct link* linkOf(int fd, int* place) {
 // A socket that has not enabled CAN FD frames does not receive them: its filter drops what has
 // their size. Having no filter is what marks a CAN FD socket.
 static int acceptCanFd(int fd, int canFd) {
-    struct sock_filter dropCanFd[] = {
+    static struct sock_filter dropCanFd[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, CANFD_MTU, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, 0),
         BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
     };
-    const struct sock_fprog program = {sizeof dropCanFd / sizeof *dropCanFd, dropCanFd};
+    static const struct sock_fprog program = {sizeof dropCanFd / sizeof *dropCanFd, dropCanFd};
     return REAL(setsockopt)(fd, SOL_SOCKET, canFd ? SO_DETACH_FILTER : SO_ATTACH_FILTER, &program,
                             sizeof program);
 }
