@@ -1,0 +1,78 @@
+// Prints what arrives on one adapter until interrupted, as candump -L does:
+//   monitor N [BITRATE [DBITRATE]]
+// N is the number of the interface, rates are in kbit/s (500); a data bit rate selects CAN FD.
+
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
+#include <tn_corvel.h>
+
+static double now(clockid_t clock) {
+    struct timespec time;
+    clock_gettime(clock, &time);
+    return (double)time.tv_sec + (double)time.tv_nsec / 1e9;
+}
+
+// Prints one line: (time) interface identifier#payload
+static void print(int device, const _corvel_CanMsg* msg) {
+    printf("(%.6f) can%d ", now(CLOCK_REALTIME), device);
+    printf(msg->extended ? "%08X#" : "%03X#", msg->id & 0x1FFFFFFF);
+    if (msg->remote) {
+        putchar('R');
+        if (msg->len > 0) printf("%d", msg->len);
+    }
+    for (int i = 0; !msg->remote && i < msg->len; i++) printf("%02X", msg->data[i]);
+    putchar('\n');
+}
+
+// Reads a decimal number up to `limit` from the command line, or ends the program.
+static unsigned number(const char* text, unsigned limit) {
+    char* end;
+    const unsigned long value = strtoul(text, &end, 10);
+    if (*text >= '0' && *text <= '9' && *end == '\0' && value <= limit) return (unsigned)value;
+    fprintf(stderr, "monitor: '%s' is not a number from 0 to %u\n", text, limit);
+    exit(2);
+}
+
+int main(int count, char** words) {
+    if (count < 2 || count > 4) {
+        fprintf(stderr, "usage: monitor N [BITRATE [DBITRATE]]    rates in kbit/s\n");
+        return 2;
+    }
+    const int device = (int)number(words[1], 9999);
+    const unsigned bitrate = count > 2 ? number(words[2], 4294967) : 500;
+    const unsigned dbitrate = count > 3 ? number(words[3], 4294967) : 0;
+
+    // Signals are asked for between reads, so that none cuts a read or the release short.
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ends, NULL);
+    signal(SIGPIPE, SIG_IGN);  // a closed output shows when it is flushed
+
+    const int status = corvel_initDLL(device, bitrate, count > 3, dbitrate);
+    if (status != CORVEL_SUCCESS) {
+        fprintf(stderr, "monitor: can%d: %s (status %d)\n", device,
+                status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
+                status);
+        return 1;
+    }
+    const double start = now(CLOCK_MONOTONIC);
+    const struct timespec noWait = {0, 0};
+    unsigned long frames = 0;
+    while (sigtimedwait(&ends, NULL, &noWait) < 0) {
+        _corvel_CanMsg msg;
+        if (corvel_readMessage(device, &msg, 100) == CORVEL_SUCCESS) {
+            print(device, &msg);
+            frames++;
+        }
+        if (fflush(stdout) != 0) break;
+    }
+    const double seconds = now(CLOCK_MONOTONIC) - start;
+    corvel_freeDLL(device);
+    fprintf(stderr, "%lu frames in %.1f s, %.1f frames/s\n", frames, seconds,
+            (double)frames / seconds);
+    return ferror(stdout) ? 1 : 0;
+}

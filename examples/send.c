@@ -1,0 +1,106 @@
+// Sends one frame, once or repeatedly: send N FRAME [COUNT [INTERVAL [BITRATE [DBITRATE]]]]
+// N is the number of the interface. FRAME is in cansend's notation: 123#112233, 1ABCDEF0#11.22 or,
+// for a remote frame, 123#R2; eight digits make an extended identifier. INTERVAL is in ms. Rates
+// are in kbit/s (500); a data bit rate selects CAN FD.
+
+#include <ctype.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <tn_corvel.h>
+#include <unistd.h>
+
+// Reads a frame; false when it is not in the notation.
+static bool parse(const char* text, _corvel_CanMsg* msg) {
+    const size_t digits = strspn(text, "0123456789ABCDEFabcdef");
+    if ((digits != 3 && digits != 8) || text[digits] != '#') return false;
+    memset(msg, 0, sizeof *msg);
+    msg->extended = digits == 8;
+    msg->id = (uint32_t)strtoul(text, NULL, 16);
+    if (msg->id > (msg->extended ? 0x1FFFFFFFu : 0x7FFu)) return false;
+
+    const char* rest = text + digits + 1;
+    if (*rest == 'R' || *rest == 'r') {
+        msg->remote = 1;
+        rest++;
+        if (*rest >= '0' && *rest <= '8') msg->len = (uint8_t)(*rest++ - '0');
+        return *rest == '\0';
+    }
+    while (msg->len < 8 && isxdigit((unsigned char)rest[0]) && isxdigit((unsigned char)rest[1])) {
+        const char byte[3] = {rest[0], rest[1], '\0'};
+        msg->data[msg->len++] = (uint8_t)strtoul(byte, NULL, 16);
+        rest += 2;
+        if (*rest == '.' && rest[1] != '\0') rest++;
+    }
+    return *rest == '\0';
+}
+
+// Reads a decimal number up to `limit` from the command line, or ends the program.
+static unsigned number(const char* text, unsigned limit) {
+    char* end;
+    const unsigned long value = strtoul(text, &end, 10);
+    if (*text >= '0' && *text <= '9' && *end == '\0' && value <= limit) return (unsigned)value;
+    fprintf(stderr, "send: '%s' is not a number from 0 to %u\n", text, limit);
+    exit(2);
+}
+
+static void pause_ms(unsigned ms) {
+    const struct timespec time = {ms / 1000, (long)(ms % 1000) * 1000000};
+    nanosleep(&time, NULL);
+}
+
+// Writes a frame, giving a full transmit queue five seconds to drain.
+static int sendPatiently(int device, const _corvel_CanMsg* msg) {
+    int status = corvel_writeMessage(device, msg);
+    for (int tries = 0; status == CORVEL_NOT_WRITTEN && tries < 5000; tries++) {
+        pause_ms(1);
+        status = corvel_writeMessage(device, msg);
+    }
+    return status;
+}
+
+int main(int count, char** words) {
+    _corvel_CanMsg msg;
+    if (count < 3 || count > 7) {
+        fprintf(stderr, "usage: send N FRAME [COUNT [INTERVAL [BITRATE [DBITRATE]]]]\n");
+        return 2;
+    }
+    if (!parse(words[2], &msg)) {
+        fprintf(stderr, "send: '%s' is not a frame such as 123#112233 or 1ABCDEF0#R2\n", words[2]);
+        return 2;
+    }
+    const int device = (int)number(words[1], 9999);
+    const unsigned total = count > 3 ? number(words[3], 4294967295u) : 1;
+    const unsigned interval = count > 4 ? number(words[4], 3600000) : 0;
+    const unsigned bitrate = count > 5 ? number(words[5], 4294967) : 500;
+    const unsigned dbitrate = count > 6 ? number(words[6], 4294967) : 0;
+    if (count > 6 && msg.remote) {
+        fprintf(stderr, "send: CAN FD has no remote frames\n");
+        return 2;
+    }
+
+    int status = corvel_initDLL(device, bitrate, count > 6, dbitrate);
+    if (status != CORVEL_SUCCESS) {
+        fprintf(stderr, "send: can%d: %s (status %d)\n", device,
+                status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
+                status);
+        return 1;
+    }
+    const bool showProgress = isatty(STDERR_FILENO);
+    time_t shown = time(NULL);
+    unsigned sent = 0;
+    while (sent < total && (status = sendPatiently(device, &msg)) == CORVEL_SUCCESS) {
+        sent++;
+        if (showProgress && time(NULL) != shown) {
+            shown = time(NULL);
+            fprintf(stderr, "\r%u of %u frames", sent, total);
+        }
+        if (interval > 0 && sent < total) pause_ms(interval);
+    }
+    pause_ms(100);  // releasing takes the link down, and with it what is still in the queue
+    corvel_freeDLL(device);
+    fprintf(stderr, "%s%u of %u frames sent\n", showProgress ? "\r" : "", sent, total);
+    return sent == total ? 0 : 1;
+}
