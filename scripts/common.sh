@@ -1,7 +1,18 @@
 # Sourced by the scripts: goes to the project's folder, and installs packages.
-cd "$(dirname "$0")/.." || exit 1
+cd "$(dirname "${BASH_SOURCE:-$0}")/.." || exit 1
 
 build_packages='g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev'
+
+run_as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        echo "needs root or sudo: $*" >&2
+        return 1
+    fi
+}
 
 # Installs those of the named Debian packages that are missing.
 install_packages() {
@@ -12,12 +23,7 @@ install_packages() {
     done
     [ -n "$missing" ] || return 0
     echo "Installing:$missing"
-    root=
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || { echo "needs root or sudo to install$missing" >&2; exit 1; }
-        root=sudo
-    fi
-    $root apt-get -qq update
-    $root env DEBIAN_FRONTEND=noninteractive \
-        apt-get -qq -y --no-install-recommends install $missing </dev/null >/dev/null
+    run_as_root apt-get -qq update &&
+        run_as_root env DEBIAN_FRONTEND=noninteractive \
+            apt-get -qq -y --no-install-recommends install $missing </dev/null >/dev/null
 }

@@ -3,13 +3,15 @@
 #
 # demo.sh             can0 and can1 of a simulated bus; needs no adapter
 # demo.sh --real A B  the machine's interfaces canA and canB, joined by a cable
+# demo.sh --vm        two emulated CAN FD controllers in a virtual machine, on a real kernel
 set -eu
 . "$(dirname "$0")/common.sh"
 
 case "${1-}" in
     '') [ $# -eq 0 ] || exit 2 ;;
     --real) [ $# -eq 3 ] || { echo "usage: demo.sh --real A B" >&2; exit 2; } ;;
-    *) sed -n '2,5s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+    --vm) [ $# -eq 1 ] || exit 2 ;;
+    *) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
 esac
 
 install_packages $build_packages
@@ -19,5 +21,8 @@ echo
 if [ "${1-}" = --real ]; then
     install_packages sudo iproute2
     exec build/release/exchange "$2" "$3"
+fi
+if [ "${1-}" = --vm ]; then
+    exec tests/system/boot.sh 120 "$PWD/build/release/exchange"
 fi
 exec build/release/simcan/simcan build/release/exchange

@@ -1,12 +1,17 @@
 #!/bin/bash
 # Installs what the tests need and runs all of them. Ends with a table of the stages and CTest's
 # summary; the exit status is 0 when nothing failed.
+#
+# test.sh [--no-vm]
+# --no-vm  leaves out the tests on a real kernel, in a virtual machine
 set -u
 . "$(dirname "$0")/common.sh"
 
+vm=1
 for option; do
     case "$option" in
-        *) sed -n '2,3s/^# //p' "$0" >&2; exit 2 ;;
+        --no-vm) vm=0 ;;
+        *) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
     esac
 done
 
@@ -57,8 +62,10 @@ stage asan build_and_test asan
 stage tsan build_and_test tsan
 stage memcheck memcheck
 stage fuzz fuzz
+[ "$vm" -eq 0 ] || stage vm tests/system/boot.sh 240 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
 
 echo
 printf '%s' "$table"
+[ "$vm" -eq 1 ] || echo "left out: the tests on a real kernel (--no-vm)"
 grep -A99 'tests passed' "$log" | grep -E 'tests passed|Total Test time|^\s+[0-9]+ - '
 [ "$failed" -eq 0 ]

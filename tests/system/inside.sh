@@ -1,0 +1,128 @@
+#!/bin/bash
+# Runs in the virtual machine: the library on a real CAN stack, with real controllers, sudo, ip and
+# can-utils. inside.sh BUILD: the folder that holds the build to test.
+set -u
+build=$1
+root=$(dirname "$0")/../..
+cd "$(mktemp -d)" || exit 1
+failed=0
+
+# check NAME COMMAND...: runs it and tells whether it succeeded, with its output when not.
+check() {
+    if "${@:2}" >check.out 2>&1; then
+        echo "ok: $1"
+    else
+        echo "FAILED: $1"
+        sed 's/^/    /' check.out
+        failed=$((failed + 1))
+    fi
+}
+holds() { grep -qF -- "$2" "$1" || { echo "no '$2' in:"; cat "$1"; return 1; }; }
+same() { diff -u "$1" "$2"; }
+refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is required'; }
+
+# The build where any user can read it; and a sudo for root that takes no second to think.
+mkdir -p /opt/corvel/fast
+cp "$build"/{exchange,monitor,send,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
+export LD_LIBRARY_PATH=/opt/corvel PATH=/opt/corvel:$PATH
+printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo
+chmod -R a+rx /opt/corvel
+
+# One user, in a group that has no rights yet.
+groupadd corvel && useradd -M -G corvel tester
+as_user() { setpriv --reuid tester --regid tester --init-groups "$@" </dev/null; }
+
+uname -srv
+grep -E 'DRIVER|SLOT' /sys/class/net/can0/device/uevent
+
+echo "--- permissions"
+as_user timeout 30 setsid /opt/corvel/exchange >no-rights 2>&1
+check 'without rights: status 5, no prompt' holds no-rights 'could not be initialised (status 5)'
+install -m 440 "$root/packaging/sudoers.d/corvel" /etc/sudoers.d/corvel
+check 'the sudoers file is well-formed' visudo -cf /etc/sudoers.d/corvel
+check 'with the sudoers file: exchange as an ordinary user' as_user timeout 90 /opt/corvel/exchange
+check 'refused: another interface' refuses ip link set lo down
+check 'refused: more words' refuses ip link set can0 down up
+check 'refused: another namespace' refuses ip link set can0 down netns 1
+check 'refused: another command' refuses ip link delete can0
+check 'refused: a semicolon' refuses ip link set 'can0;reboot' down
+check 'refused: a new line' refuses ip link set can0 $'down\nnetns'
+check 'refused: another queue length' refuses ip link set can0 txqueuelen 10001
+check 'refused: a rate that is none' refuses ip link set can0 up type can bitrate 5e5 \
+    sample-point 0.875 restart-ms 0
+
+export PATH=/opt/corvel/fast:$PATH
+# listen LOG COMMAND...: starts a program in the background, once it listens.
+listen() {
+    "${@:2}" >"$1" 2>"$1.err" &
+    listener=$!
+    for _ in $(seq 50); do
+        sleep 0.1
+        grep -qE '^ +can[01] ' /proc/net/can/rcvlist_all && return
+    done
+    echo "$2 does not listen"
+}
+stop_listening() { sleep 0.5; kill -INT "$listener"; wait "$listener"; }
+settings() {
+    ip -d link show can0 | tee settings | sed 's/^/    /'
+    for text; do check "can0 has $text" holds settings "$text"; done
+}
+
+echo "--- link settings"
+listen log monitor 0 500 2000
+settings ,UP 'mtu 72' 'qlen 10000' '<FD>' 'bitrate 500000 sample-point 0.750' 'dbitrate 2000000' \
+    'restart-ms 0'
+stop_listening
+settings 'state DOWN'
+listen log monitor 0 250
+settings ,UP 'qlen 2000' 'bitrate 250000 sample-point 0.875' 'restart-ms 0'
+stop_listening
+
+echo "--- frames, against can-utils"
+frames='123#112233 7FF# 000#0102030405060708 00000123#AA 1FFFFFFF#FFEE 7FF#R2 001ABCDE#R'
+fd_frames='123##1112233 7FF##1 001ABCDE##10102030405060708'
+fd_received='123##5112233 7FF##5 001ABCDE##50102030405060708'  # the kernel marks them as CAN FD
+fd_as_classic='123#112233 7FF# 001ABCDE#0102030405060708'
+# Each lists what arrived, without times.
+from_can_utils() { # MODE FRAMES...: can1 sends with cansend, the library receives on can0
+    listen log monitor 0 500 $1
+    for frame in ${*:2}; do cansend can1 "$frame"; done
+    stop_listening
+    sed 's/.* //' log >arrived
+}
+to_can_utils() { # MODE FRAMES...: the library sends on can0, can1 receives with candump
+    listen log candump -L can1
+    for frame in ${*:2}; do send 0 "$frame" 1 0 500 $1 2>/dev/null; done
+    stop_listening
+    sed 's/.* //' log >arrived
+}
+expect() { # NAME FRAMES...
+    printf '%s\n' "${@:2}" >expected
+    check "$1" same expected arrived
+}
+ip link set can1 up type can bitrate 500000
+from_can_utils '' $frames
+expect 'cansend to the library, classic' $frames
+to_can_utils '' $frames
+expect 'the library to candump, classic' $frames
+ip link set can1 down
+ip link set can1 up type can bitrate 500000 dbitrate 2000000 fd on
+from_can_utils 2000 $fd_frames $frames
+expect 'cansend to the library, CAN FD and classic' $fd_as_classic $frames
+to_can_utils 2000 $fd_as_classic
+expect 'the library to candump, CAN FD' $fd_received
+from_can_utils 2000 123##1112233445566778899AABBCC 7FF#1122
+expect '12 bytes are dropped, the next frame is not' 7FF#1122
+check '12 bytes are reported' holds log.err 'CAN FD frame dropped, len above 8:12'
+ip link set can1 down
+
+echo "--- the same tests as on the simulated bus, and what only a real link shows"
+bus() { timeout 90 env "$@" 2>/dev/null; }
+check 'every test of the bus' bus bus_test
+for cut in 'ip link set can0 down' 'echo 1 >/sys/class/net/can0/device/remove'; do
+    check "a waiting read, and $cut" \
+        bus CORVEL_TEST_CUT="$cut" bus_test --gtest_filter='*ACutLinkEndsReads'
+done
+
+echo "$failed failed"
+exit "$failed"
