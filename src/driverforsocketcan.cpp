@@ -120,12 +120,34 @@ int waitReadable(int fd, unsigned int timeout) {
     return ::select(fd + 1, &readable, nullptr, nullptr, &limit);
 }
 
-template <typename Frame>
-bool writeFrame(int fd, const Frame& frame) {
-    if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
+// These log why a frame was not moved, and give false.
+
+CORVEL_COLD bool frameError(const char* text) {
+    const int error = errno;
+    CORVEL_LOG(failure) << text << std::strerror(error);
+    return false;
+}
+
+CORVEL_COLD bool writeError() {
     const int error = errno;
     CORVEL_LOG(failure) << "write error:" << std::strerror(error) << "(errno=" << error << ")";
     return false;
+}
+
+CORVEL_COLD bool frameRefused(const char* text) {
+    CORVEL_LOG(failure) << text;
+    return false;
+}
+
+CORVEL_COLD bool frameRefused(const char* text, ssize_t number) {
+    CORVEL_LOG(failure) << text << number;
+    return false;
+}
+
+template <typename Frame>
+bool writeFrame(int fd, const Frame& frame) {
+    if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
+    return writeError();
 }
 
 }  // namespace
@@ -230,13 +252,9 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
         std::memcpy(frame.data, msg.data, frame.can_dlc);
         return writeFrame(desc.fd, frame);
     }
-    if (msg.remote != 0) {
-        CORVEL_LOG(failure) << "CAN FD does not support remote frames";
-        return false;
-    }
+    if (msg.remote != 0) return frameRefused("CAN FD does not support remote frames");
     if (msg.len > sizeof msg.data) {
-        CORVEL_LOG(failure) << "CAN FD frame refused, len above 8:" << unsigned{msg.len};
-        return false;
+        return frameRefused("CAN FD frame refused, len above 8:", msg.len);
     }
     canfd_frame frame{};
     frame.can_id = id;
@@ -251,29 +269,17 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
 bool DriverForSocketCan::readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg,
                                      bool /*canFd*/, unsigned int timeout) {
     const int ready = waitReadable(desc.fd, timeout);
-    if (ready < 0) {
-        const int error = errno;
-        CORVEL_LOG(failure) << "select() error: " << std::strerror(error);
-        return false;
-    }
+    if (ready < 0) return frameError("select() error: ");
     if (ready == 0) return false;
 
     canfd_frame frame;
     const ssize_t size = ::read(desc.fd, &frame, sizeof frame);
-    if (size < 0) {
-        const int error = errno;
-        CORVEL_LOG(failure) << "read() error: " << std::strerror(error);
-        return false;
-    }
+    if (size < 0) return frameError("read() error: ");
     if (size != CAN_MTU && size != CANFD_MTU) {
-        CORVEL_LOG(failure) << "invalid CAN frame size: " << size;
-        return false;
+        return frameRefused("invalid CAN frame size: ", size);
     }
     const uint8_t len = size == CAN_MTU ? std::min<uint8_t>(frame.len, CAN_MAX_DLEN) : frame.len;
-    if (len > sizeof msg.data) {
-        CORVEL_LOG(failure) << "CAN FD frame dropped, len above 8:" << unsigned{len};
-        return false;
-    }
+    if (len > sizeof msg.data) return frameRefused("CAN FD frame dropped, len above 8:", len);
     msg.id = frame.can_id;
     msg.remote = (frame.can_id & CAN_RTR_FLAG) != 0;
     msg.extended = (frame.can_id & CAN_EFF_FLAG) != 0;

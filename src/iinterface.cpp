@@ -10,15 +10,19 @@
 
 namespace corvel {
 
-// Held by the handle while it is open and by every call that has copied the descriptor. Whoever
-// drops the last share gives back the number that a close has left behind, if any.
-struct IInterface::Lease {
+// One opening of the device, shared by the handle while it is open and by every call that is using
+// it: the descriptor and mode that such a call works with. Whoever drops the last share gives back
+// the descriptor's number that a close has left behind, if any.
+struct IInterface::Opening {
+    DeviceDesc desc;
+    bool canFd;
     int number = -1;
 
-    Lease() = default;
-    Lease(const Lease&) = delete;
-    Lease& operator=(const Lease&) = delete;
-    ~Lease() {
+    Opening(const DeviceDesc& openedDesc, bool openedCanFd)
+        : desc(openedDesc), canFd(openedCanFd) {}
+    Opening(const Opening&) = delete;
+    Opening& operator=(const Opening&) = delete;
+    ~Opening() {
         if (number != -1) ::close(number);
     }
 
@@ -47,49 +51,51 @@ bool IInterface::open(unsigned int bitrate, bool canFd, unsigned int dbitrate) {
         return false;
     }
     m_canFd = canFd;
-    m_lease = std::make_shared<Lease>();
+    m_opening = std::make_shared<Opening>(m_desc, canFd);  // now, since nothing may fail later
     m_isOpen = m_driver->open(m_desc, bitrate, canFd, dbitrate);
+    m_opening->desc.fd = m_desc.fd;
+    m_opening->desc.handle = m_desc.handle;
     return m_isOpen;
 }
 
 void IInterface::close() {
     std::lock_guard<std::mutex> lock(m_stateMutex);
     m_isOpen = false;  // first, so that it holds even when the driver throws
-    std::shared_ptr<Lease> lease = std::move(m_lease);
-    if (lease.use_count() > 1) {  // calls in progress use the number; no new ones can begin
-        lease->retire(m_desc.fd);
+    std::shared_ptr<Opening> opening = std::move(m_opening);
+    if (opening.use_count() > 1) {  // calls in progress use the number; no new ones can begin
+        opening->retire(m_desc.fd);
     } else {
-        lease.reset();
+        opening.reset();
     }
     m_driver->close(m_desc);
 }
 
 bool IInterface::readMessage(_corvel_CanMsg& msg, unsigned int timeout) {
-    std::unique_lock<std::mutex> state(m_stateMutex);
-    if (!m_isOpen) return false;
-    const std::shared_ptr<Lease> lease = m_lease;
-    const DeviceDesc desc = m_desc;
-    const bool canFd = m_canFd;
-    state.unlock();
-
+    std::shared_ptr<const Opening> opening;
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        if (!m_isOpen) return false;
+        opening = m_opening;
+    }
     std::lock_guard<std::mutex> lock(m_readMutex);
-    return m_driver->readMessage(desc, msg, canFd, timeout);
+    return m_driver->readMessage(opening->desc, msg, opening->canFd, timeout);
 }
 
 bool IInterface::writeMessage(const _corvel_CanMsg& msg) {
-    std::unique_lock<std::mutex> state(m_stateMutex);
-    if (!m_isOpen) {
-        CORVEL_LOG(failure) << "Failed to write, isOpen:" << m_isOpen << " fd:" << m_desc.fd
-                            << " handle:" << m_desc.handle;
-        return false;
+    std::shared_ptr<const Opening> opening;
+    {
+        std::lock_guard<std::mutex> lock(m_stateMutex);
+        if (!m_isOpen) return logClosedWrite();
+        opening = m_opening;
     }
-    const std::shared_ptr<Lease> lease = m_lease;
-    const DeviceDesc desc = m_desc;
-    const bool canFd = m_canFd;
-    state.unlock();
-
     std::lock_guard<std::mutex> lock(m_writeMutex);
-    return m_driver->writeMessage(desc, msg, canFd);
+    return m_driver->writeMessage(opening->desc, msg, opening->canFd);
+}
+
+CORVEL_COLD bool IInterface::logClosedWrite() const {
+    CORVEL_LOG(failure) << "Failed to write, isOpen:" << m_isOpen << " fd:" << m_desc.fd
+                        << " handle:" << m_desc.handle;
+    return false;
 }
 
 }  // namespace corvel

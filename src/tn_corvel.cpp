@@ -23,20 +23,32 @@ namespace {
 std::mutex m_mutex;  // guards m_devMap; never held while a driver or a handle is called
 std::map<unsigned int, std::shared_ptr<IInterface>> m_devMap;
 
-enum class Entry { keep, remove };
+CORVEL_COLD void logRefusal(const char* text) {
+    CORVEL_LOG(refusal) << text;
+}
+
+// For a null record: logs it and gives back the status.
+CORVEL_COLD int32_t logFailure(const char* text, int32_t status) {
+    CORVEL_LOG(failure) << text;
+    return status;
+}
 
 // The device registered under devIndex, or an empty pointer after logging `refusal`.
-std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal,
-                                   Entry entry = Entry::keep) {
+std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_devMap.find(static_cast<unsigned int>(devIndex));
-    if (found == m_devMap.end()) {
-        CORVEL_LOG(refusal) << refusal;
-        return nullptr;
-    }
-    std::shared_ptr<IInterface> device = found->second;
-    if (entry == Entry::remove) m_devMap.erase(found);
-    return device;
+    if (found != m_devMap.end()) return found->second;
+    logRefusal(refusal);
+    return nullptr;
+}
+
+// The same, and takes it out of the registry.
+std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* refusal) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto entry = m_devMap.extract(static_cast<unsigned int>(devIndex));
+    if (!entry.empty()) return entry.mapped();
+    logRefusal(refusal);
+    return nullptr;
 }
 
 // Makes an open device available to the other functions. An entry that an overlapping
@@ -84,29 +96,25 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
 }
 
 int32_t corvel_freeDLL(int32_t devIndex) {
-    const auto device = lookUp(devIndex, "Free failed,No such device", Entry::remove);
+    const auto device = takeOut(devIndex, "Free failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
     device->close();
     CORVEL_LOG(progress) << "Free Device.";
     return CORVEL_SUCCESS;
 }
 
-int32_t corvel_writeMessage(int32_t devIndex, const _corvel_CanMsg* msg) {
+// These two carry every frame; flattened, they are one function down to the system calls.
+
+[[gnu::flatten]] int32_t corvel_writeMessage(int32_t devIndex, const _corvel_CanMsg* msg) {
     const auto device = lookUp(devIndex, "Write failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
-    if (msg == nullptr) {
-        CORVEL_LOG(failure) << "Write failed,msg is null";
-        return CORVEL_NOT_WRITTEN;
-    }
+    if (msg == nullptr) return logFailure("Write failed,msg is null", CORVEL_NOT_WRITTEN);
     return device->writeMessage(*msg) ? CORVEL_SUCCESS : CORVEL_NOT_WRITTEN;
 }
 
-int32_t corvel_readMessage(int32_t devIndex, _corvel_CanMsg* msg, uint32_t timeout) {
+[[gnu::flatten]] int32_t corvel_readMessage(int32_t devIndex, _corvel_CanMsg* msg, uint32_t timeout) {
     const auto device = lookUp(devIndex, "Read failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
-    if (msg == nullptr) {
-        CORVEL_LOG(failure) << "Read failed,msg is null";
-        return CORVEL_NO_FRAME;
-    }
+    if (msg == nullptr) return logFailure("Read failed,msg is null", CORVEL_NO_FRAME);
     return device->readMessage(*msg, timeout) ? CORVEL_SUCCESS : CORVEL_NO_FRAME;
 }
