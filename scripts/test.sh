@@ -2,16 +2,19 @@
 # Installs what the tests need and runs all of them. Ends with a table of the stages and CTest's
 # summary; the exit status is 0 when nothing failed.
 #
-# test.sh [--no-vm]
+# test.sh [--no-vm] [--arm64]
 # --no-vm  leaves out the tests on a real kernel, in a virtual machine
+# --arm64  adds the unit tests on an emulated 64-bit ARM processor
 set -u
 . "$(dirname "$0")/common.sh"
 
 vm=1
+arm64=0
 for option; do
     case "$option" in
         --no-vm) vm=0 ;;
-        *) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+        --arm64) arm64=1 ;;
+        *) sed -n '2,7s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
     esac
 done
 
@@ -62,6 +65,9 @@ stage asan build_and_test asan
 stage tsan build_and_test tsan
 stage memcheck memcheck
 stage fuzz fuzz
+stage docs tests/docs.sh
+stage package tests/package.sh
+[ "$arm64" -eq 0 ] || stage arm64 tests/arm64.sh
 [ "$vm" -eq 0 ] || stage vm tests/system/boot.sh 240 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
 
 echo

@@ -98,22 +98,27 @@ static const struct link* linkOf(int fd, int* place) {
 }
 
 // A socket that has not enabled CAN FD frames does not receive them: its filter drops what has
-// their size. Having no filter is what marks a CAN FD socket.
+// their size. Its priority tells the mode to its own writes.
 static int acceptCanFd(int fd, int canFd) {
-    static struct sock_filter dropCanFd[] = {
+    struct sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, CANFD_MTU, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, 0),
+        BPF_STMT(BPF_RET | BPF_K, canFd ? UINT32_MAX : 0),
         BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
     };
-    static const struct sock_fprog program = {sizeof dropCanFd / sizeof *dropCanFd, dropCanFd};
-    return REAL(setsockopt)(fd, SOL_SOCKET, canFd ? SO_DETACH_FILTER : SO_ATTACH_FILTER, &program,
-                            sizeof program);
+    struct sock_fprog program;
+    memset(&program, 0, sizeof program);
+    program.len = sizeof filter / sizeof *filter;
+    program.filter = filter;
+    if (REAL(setsockopt)(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0)
+        return -1;
+    return REAL(setsockopt)(fd, SOL_SOCKET, SO_PRIORITY, &canFd, sizeof canFd);
 }
 
 static int acceptsCanFd(int fd) {
-    socklen_t filterLength = 0;
-    return getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, NULL, &filterLength) == 0 && filterLength == 0;
+    int priority = 0;
+    socklen_t size = sizeof priority;
+    return getsockopt(fd, SOL_SOCKET, SO_PRIORITY, &priority, &size) == 0 && priority != 0;
 }
 
 static int isFrame(int fd, const void* data, size_t size) {
@@ -194,7 +199,7 @@ EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_
         errno = option != CAN_RAW_FD_FRAMES ? ENOPROTOOPT : EINVAL;
         return -1;
     }
-    return acceptCanFd(fd, *(const int*)value);
+    return acceptCanFd(fd, *(const int*)value != 0);
 }
 
 EXPORT ssize_t write(int fd, const void* data, size_t size) {

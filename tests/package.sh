@@ -1,0 +1,69 @@
+#!/bin/bash
+# Installs the packages on this machine, uses them as the writer of an application would, removes
+# them, and checks that nothing is left.
+set -eu
+. "$(dirname "$0")/../scripts/common.sh"
+packages='libtn-corvel libtn-corvel-dev'
+if dpkg-query -W $packages >/dev/null 2>&1; then
+    echo "$packages: installed already; remove them to test" >&2
+    exit 1
+fi
+install_packages python3-minimal libpython3-stdlib lintian
+scripts/package.sh
+lintian --allow-root --fail-on error build/package/*.deb
+
+work=$(mktemp -d)
+remove() { run_as_root apt-get -qq -y purge $packages >/dev/null 2>&1 </dev/null; }
+trap 'remove || true; rm -rf "$work"' EXIT
+run_as_root apt-get -qq -y install ./build/package/*.deb >/dev/null </dev/null
+dpkg -L $packages >"$work/files"
+cd "$work"
+cp /usr/share/doc/libtn-corvel-dev/examples/* .
+export SIMCAN='can0:package can1:package'
+
+cc exchange.c -o exchange $(pkg-config --cflags --libs tn_corvel)
+simcan ./exchange >out 2>/dev/null
+tail -n 1 out | grep -x 'all as expected'
+
+cat >CMakeLists.txt <<'END'
+cmake_minimum_required(VERSION 3.13)
+project(application CXX)
+find_package(tn_corvel 1.0 REQUIRED CONFIG)
+add_executable(ping ping.cpp)
+target_compile_features(ping PRIVATE cxx_std_17)
+target_link_libraries(ping tn_corvel::tn_corvel)
+END
+cmake -S . -B build >/dev/null
+cmake --build build >/dev/null
+simcan build/ping 2>/dev/null | grep '^identifier 123, 3 bytes'
+
+# The monitors, against the sender.
+cc monitor.c -o monitor -ltn_corvel
+cc send.c -o send -ltn_corvel
+for monitor in ./monitor 'python3 monitor.py'; do
+    simcan $monitor 1 >log 2>/dev/null &
+    sleep 1
+    for frame in 123#11.22.33 1ABCDEF0# 7FF#R2; do simcan ./send 0 $frame 2 2>/dev/null; done
+    kill -INT $!
+    wait $!
+    [ "$(sed 's/.* //' log | tr '\n' ' ')" = \
+        '123#112233 123#112233 1ABCDEF0# 1ABCDEF0# 7FF#R2 7FF#R2 ' ] || { cat log; exit 1; }
+    grep -vEx '\([0-9]+\.[0-9]{6}\) can1 .*' log && exit 1
+    echo "$monitor shows what send sent"
+done
+# What the examples refuse: status 2 for their words, 1 for the device.
+for words in '0 12345#11' '0 123#1' '0 123#112233445566778899' '0 800#' 'x 123#' '0 123#R1 1 0 500 2000'; do
+    status=0
+    simcan ./send $words 2>/dev/null || status=$?
+    [ "$status" -eq 2 ] || { echo "send $words: status $status"; exit 1; }
+done
+! simcan ./send 7 123# 2>/dev/null
+! simcan ./monitor 7 2>/dev/null
+
+cd /
+remove
+while read -r file; do
+    [ -d "$file" ] || [ ! -e "$file" ] || { echo "left: $file"; exit 1; }
+done <"$work/files"
+! ls -d /usr/include/corvel /usr/lib/*/tn_corvel /usr/share/doc/libtn-corvel* 2>/dev/null
+echo "installed, used and removed"
