@@ -14,7 +14,7 @@ install_packages $build_packages libbenchmark-dev
 cmake -S . -B build/release -G Ninja -DCORVEL_BENCH=ON >/dev/null
 cmake --build build/release
 if [ $# -eq 1 ]; then
-    VM_COUNTED=1 exec tests/system/boot.sh 300 "$PWD/bench/inside.sh" "$PWD/build/release/frames"
+    VM_COUNTED=1 exec platform/vm/boot.sh 300 "$PWD/bench/inside.sh" "$PWD/build/release/frames"
 fi
 SIMCAN='can0 can1 can2:1 can3:1' exec build/release/simcan/simcan build/release/frames \
     --benchmark_repetitions=15 --benchmark_enable_random_interleaving=true \

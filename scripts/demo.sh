@@ -23,6 +23,6 @@ if [ "${1-}" = --real ]; then
     exec build/release/exchange "$2" "$3"
 fi
 if [ "${1-}" = --vm ]; then
-    exec tests/system/boot.sh 120 "$PWD/build/release/exchange"
+    exec platform/vm/boot.sh 120 "$PWD/build/release/exchange"
 fi
 exec build/release/simcan/simcan build/release/exchange

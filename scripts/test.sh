@@ -67,8 +67,8 @@ stage memcheck memcheck
 stage fuzz fuzz
 stage docs tests/docs.sh
 stage package tests/package.sh
-[ "$arm64" -eq 0 ] || stage arm64 tests/arm64.sh
-[ "$vm" -eq 0 ] || stage vm tests/system/boot.sh 240 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
+[ "$arm64" -eq 0 ] || stage arm64 scripts/arm64.sh
+[ "$vm" -eq 0 ] || stage vm platform/vm/boot.sh 240 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
 
 echo
 printf '%s' "$table"

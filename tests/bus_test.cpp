@@ -31,8 +31,8 @@ static const struct {
     {"extended remote", {0x1ABCDE, {}, 0, {}, 255, 1}},
 };
 
-static int32_t initialise(int32_t index, bool canFd, uint32_t bitrate = 500) {
-    return corvel_initDLL(index, bitrate, canFd, 2000);
+static int32_t initialise(int32_t index, bool canFd) {
+    return corvel_initDLL(index, 500, canFd, 2000);
 }
 
 class BusTest : public testing::Test {
@@ -93,22 +93,23 @@ TEST_F(BusTest, ADeviceInCanFdModeReceivesClassicFrames) {
     for (const auto& frame : frames) exchange(0, 1, frame.msg);
 }
 
-TEST_F(BusTest, StatusesWithoutADevice) {
-    _corvel_CanMsg msg{};
+TEST_F(BusTest, StatusesOfInitialising) {
     EXPECT_EQ(initialise(77, false), CORVEL_NO_DEVICE);
-    EXPECT_EQ(corvel_writeMessage(0, &msg), CORVEL_NO_DEVICE);
-    EXPECT_EQ(corvel_readMessage(0, &msg, 60000), CORVEL_NO_DEVICE);
-    EXPECT_EQ(corvel_freeDLL(0), CORVEL_NO_DEVICE);
-    ASSERT_EQ(initialise(0, false), CORVEL_SUCCESS);
+    EXPECT_EQ(initialise(0, false), CORVEL_SUCCESS);
     EXPECT_EQ(initialise(0, false), CORVEL_NO_DEVICE);
     EXPECT_EQ(corvel_freeDLL(0), CORVEL_SUCCESS);
-    EXPECT_EQ(initialise(0, true, 250), CORVEL_SUCCESS);
+    EXPECT_EQ(corvel_freeDLL(0), CORVEL_NO_DEVICE);
 }
 
-TEST_F(BusTest, TenThousandFramesInOrder) {
-    constexpr uint32_t total = 10000;
+// As many as CORVEL_FRAMES says, 10,000 when it says nothing, or fewer for CORVEL_SHORT.
+TEST_F(BusTest, ManyFramesInOrder) {
+    const char* const wanted = getenv("CORVEL_FRAMES");
+    const auto total = getenv("CORVEL_SHORT") ? 5000u
+                       : wanted               ? static_cast<uint32_t>(atol(wanted))
+                                              : 10000u;
     open(true, true);
     std::atomic<uint32_t> taken{0};
+    std::atomic<long> repeated{0};
     std::thread sender([&] {
         for (uint32_t i = 0; i < total; ++i) {
             const auto deadline = steady_clock::now() + std::chrono::seconds(10);
@@ -117,7 +118,7 @@ TEST_F(BusTest, TenThousandFramesInOrder) {
             memcpy(msg.data, &i, sizeof i);
             while (corvel_writeMessage(0, &msg) == CORVEL_NOT_WRITTEN) {
                 if (steady_clock::now() > deadline) return;
-                std::this_thread::yield();
+                ++repeated;
             }
         }
     });
@@ -128,9 +129,12 @@ TEST_F(BusTest, TenThousandFramesInOrder) {
         memcpy(&counter, got.data, sizeof counter);
         if (counter != taken) break;
     }
+    printf("%u of %u frames in order, %ld writes repeated\n", taken.load(), total, repeated.load());
     EXPECT_EQ(taken, total) << "lost, doubled or out of order after this many";
     taken = total;
     sender.join();
+    _corvel_CanMsg got;
+    EXPECT_EQ(corvel_readMessage(1, &got, 20), CORVEL_NO_FRAME) << "one too many";
 }
 
 // Reads in the background for 20 s at most; gives the status and when it came.

@@ -4,10 +4,7 @@
 set -eu
 . "$(dirname "$0")/../scripts/common.sh"
 packages='libtn-corvel libtn-corvel-dev'
-if dpkg-query -W $packages >/dev/null 2>&1; then
-    echo "$packages: installed already; remove them to test" >&2
-    exit 1
-fi
+! dpkg-query -W $packages 2>/dev/null || { echo "installed already; remove them to test"; exit 1; }
 install_packages python3-minimal libpython3-stdlib lintian
 scripts/package.sh
 lintian --allow-root --fail-on error build/package/*.deb
@@ -46,24 +43,18 @@ for monitor in ./monitor 'python3 monitor.py'; do
     for frame in 123#11.22.33 1ABCDEF0# 7FF#R2; do simcan ./send 0 $frame 2 2>/dev/null; done
     kill -INT $!
     wait $!
-    [ "$(sed 's/.* //' log | tr '\n' ' ')" = \
-        '123#112233 123#112233 1ABCDEF0# 1ABCDEF0# 7FF#R2 7FF#R2 ' ] || { cat log; exit 1; }
-    grep -vEx '\([0-9]+\.[0-9]{6}\) can1 .*' log && exit 1
+    sed -E 's/^\([0-9]+\.[0-9]{6}\) can1 //' log | tr '\n' ' ' |
+        grep -x '123#112233 123#112233 1ABCDEF0# 1ABCDEF0# 7FF#R2 7FF#R2 '
     echo "$monitor shows what send sent"
 done
-# What the examples refuse: status 2 for their words, 1 for the device.
-for words in '0 12345#11' '0 123#1' '0 123#112233445566778899' '0 800#' 'x 123#' '0 123#R1 1 0 500 2000'; do
-    status=0
-    simcan ./send $words 2>/dev/null || status=$?
-    [ "$status" -eq 2 ] || { echo "send $words: status $status"; exit 1; }
+for words in '0 12345#11' '0 123#1' '0 123#112233445566778899' '0 800#' 'x 123#' '0 7FF#R 1 0 9 9'; do
+    ! simcan ./send $words 2>out || { echo "accepted: send $words"; exit 1; }
+    grep -q '^send: ' out
 done
-! simcan ./send 7 123# 2>/dev/null
-! simcan ./monitor 7 2>/dev/null
+! simcan ./send 7 123# 2>/dev/null || exit 1
 
 cd /
 remove
-while read -r file; do
-    [ -d "$file" ] || [ ! -e "$file" ] || { echo "left: $file"; exit 1; }
-done <"$work/files"
-! ls -d /usr/include/corvel /usr/lib/*/tn_corvel /usr/share/doc/libtn-corvel* 2>/dev/null
+while read -r file; do [ -d "$file" ] || [ ! -e "$file" ] || exit 1; done <"$work/files"
+! ls -d /usr/include/corvel /usr/lib/*/tn_corvel /usr/share/doc/libtn-corvel* 2>/dev/null || exit 1
 echo "installed, used and removed"

@@ -2,7 +2,7 @@
 # Builds the library for 64-bit ARM and runs the unit tests under qemu-user. Debian's libraries for
 # that architecture are unpacked in build/arm64-root; the machine's own package system is not told.
 set -eu
-. "$(dirname "$0")/../scripts/common.sh"
+. "$(dirname "$0")/common.sh"
 install_packages $build_packages g++-aarch64-linux-gnu qemu-user
 
 export ARM64_ROOT=$PWD/build/arm64-root
@@ -23,7 +23,7 @@ if [ ! -e "$ARM64_ROOT/complete" ]; then
     touch "$ARM64_ROOT/complete"
 fi
 
-cmake -S . -B build/arm64 -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/tests/arm64.cmake" \
+cmake -S . -B build/arm64 -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/packaging/arm64.cmake" \
     -DCMAKE_BUILD_TYPE=Release -DCORVEL_WERROR=ON -DCORVEL_TESTS=ON >/dev/null
 cmake --build build/arm64
 aarch64-linux-gnu-readelf -h build/arm64/libtn_corvel.so | grep Machine
