@@ -18,7 +18,7 @@ for option; do
     esac
 done
 
-install_packages $build_packages clang libclang-rt-14-dev clang-format libgtest-dev valgrind ||
+install_packages $build_packages clang libclang-rt-14-dev clang-format libgtest-dev valgrind doxygen ||
     exit 1
 mkdir -p build
 log=build/test.log
@@ -65,7 +65,7 @@ stage asan build_and_test asan
 stage tsan build_and_test tsan
 stage memcheck memcheck
 stage fuzz fuzz
-stage docs tests/docs.sh
+stage docs cmake --build --preset dev --target docs
 stage package tests/package.sh
 [ "$arm64" -eq 0 ] || stage arm64 scripts/arm64.sh
 [ "$vm" -eq 0 ] || stage vm platform/vm/boot.sh 240 "$PWD/tests/system/inside.sh" "$PWD/build/dev"

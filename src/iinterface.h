@@ -26,6 +26,7 @@ public:
         void* handle = nullptr;  ///< at the driver's disposal; not owned
     };
 
+    /// A closed device. Shares the driver, which must not be empty, and copies the descriptor.
     IInterface(const std::shared_ptr<IDriver>& driver, const DeviceDesc& desc);
     IInterface(const IInterface&) = delete;
     IInterface& operator=(const IInterface&) = delete;
