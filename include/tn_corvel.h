@@ -98,6 +98,10 @@ CORVEL_API int32_t corvel_freeDLL(int32_t devIndex);
 /**
  * Hands one frame to the kernel for transmission. Does not wait for it to appear on the bus.
  *
+ * The socket is a blocking one: when its send buffer is full, with some hundreds of frames not yet
+ * on the bus, the call waits until one of them is. Where nothing acknowledges frames, that may be
+ * until the device is released, which ends the call with CORVEL_NOT_WRITTEN.
+ *
  * @param devIndex index of an initialised device
  * @param msg      frame to send
  * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is not initialised; CORVEL_NOT_WRITTEN

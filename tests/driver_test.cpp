@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <netlink/errno.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -43,14 +42,9 @@ TEST_F(DriverTest, ScanAppendsCanLinksInTheOrderOfTheCache) {
 }
 
 TEST_F(DriverTest, ScanFailures) {
-    simcan_failNext(SIMCAN_CACHE, NLE_FAILURE);
+    simcan_failNext(SIMCAN_CACHE, 1);
     EXPECT_FALSE(m_driver->scanDevices(m_devices));
-    noNetlinkSocket = true;
-    EXPECT_FALSE(m_driver->scanDevices(m_devices));
-    noNetlinkSocket = false;
-    const std::string text = "could not access netlink device list, error code:-";
-    EXPECT_EQ(takeLog(), (Log{{4, text + std::to_string(NLE_FAILURE)},
-                              {4, text + std::to_string(NLE_NOMEM)}}));
+    EXPECT_EQ(takeLog(), (Log{{4, "could not access netlink device list, error code:-1"}}));
     corvel::DriverForSocketCan unshared;
     EXPECT_THROW(unshared.scanDevices(m_devices), std::bad_weak_ptr);
     EXPECT_TRUE(m_devices.empty());

@@ -144,10 +144,3 @@ TEST(LongRun, CyclesLeaveDescriptorsAndHeapAsTheyWere) {
     EXPECT_EQ(lowestFreeDescriptor(), descriptor);
     EXPECT_EQ(heapAfter, heap);
 }
-
-int main(int argc, char** argv) {
-    const std::string bus = std::to_string(getpid());
-    setenv("SIMCAN", ("can0:" + bus + " can1:" + bus).c_str(), 1);
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

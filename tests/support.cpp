@@ -1,8 +1,6 @@
 #include "support.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
-#include <netlink/socket.h>
 #include <pelid_log.h>
 #include <unistd.h>
 
@@ -18,8 +16,6 @@ Log recorded;
 std::string commandFile;
 
 }  // namespace
-
-bool noNetlinkSocket = false;
 
 // Definitions of the program come before those of any library.
 
@@ -38,11 +34,6 @@ LOG_Helper::~LOG_Helper() {
 
 std::stringstream& LOG_Helper::getSS() {
     return m_message;
-}
-
-extern "C" nl_sock* nl_socket_alloc() {
-    static const auto real = reinterpret_cast<nl_sock* (*)()>(dlsym(RTLD_NEXT, "nl_socket_alloc"));
-    return noNetlinkSocket ? nullptr : real();
 }
 
 Log takeLog() {

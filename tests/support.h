@@ -25,8 +25,6 @@ struct FailingSudo {
     ~FailingSudo() { unsetenv("SIMCAN_SUDO_FAIL"); }
 };
 
-extern bool noNetlinkSocket;  // makes nl_socket_alloc return null
-
 int openDescriptors();
 
 // Every test starts with an empty log and ends with the descriptors that it began with.
