@@ -1,13 +1,17 @@
 #!/bin/bash
 # Makes what the virtual machine boots: Debian's kernel, its CAN modules, a driver for the emulated
-# CAN FD controllers, and an initial file system but for its init. Prints the folder that holds them, which is kept
-# for later runs, outside the checkout and one per kernel version.
+# CAN FD controllers, and an initial file system but for its init. Prints the folder that holds
+# them, which is kept for later runs, outside the checkout and one per kernel version.
 set -eu
 . "$(dirname "$0")/../../scripts/common.sh"
 
 install_packages qemu-system-x86 sudo iproute2 can-utils kmod cpio >&2
-image=$(apt-cache depends linux-image-amd64 | sed -n 's/.*Depends: \(linux-image-6.*\)/\1/p')
-[ -n "$image" ] || { run_as_root apt-get -qq update >&2; exec "$0"; }
+current_image() {
+    apt-cache depends linux-image-amd64 2>/dev/null | sed -n 's/.*Depends: \(linux-image-6.*\)/\1/p'
+}
+image=$(current_image)
+[ -n "$image" ] || { run_as_root apt-get -qq update >&2 && image=$(current_image); }
+[ -n "$image" ] || { echo "apt knows no linux-image-amd64" >&2; exit 1; }
 version=${image#linux-image-}
 vm=${XDG_CACHE_HOME:-$HOME/.cache}/tn_corvel/$version
 if [ ! -e "$vm/initrd" ]; then
