@@ -112,7 +112,8 @@ int32_t corvel_freeDLL(int32_t devIndex) {
     return device->writeMessage(*msg) ? CORVEL_SUCCESS : CORVEL_NOT_WRITTEN;
 }
 
-[[gnu::flatten]] int32_t corvel_readMessage(int32_t devIndex, _corvel_CanMsg* msg, uint32_t timeout) {
+[[gnu::flatten]] int32_t corvel_readMessage(int32_t devIndex, _corvel_CanMsg* msg,
+                                            uint32_t timeout) {
     const auto device = lookUp(devIndex, "Read failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
     if (msg == nullptr) return logFailure("Read failed,msg is null", CORVEL_NO_FRAME);
