@@ -10,6 +10,12 @@
 
 namespace corvel {
 
+CORVEL_COLD static bool logClosedWrite(bool isOpen, const IInterface::DeviceDesc& desc) {
+    CORVEL_LOG(failure) << "Failed to write, isOpen:" << isOpen << " fd:" << desc.fd
+                        << " handle:" << desc.handle;
+    return false;
+}
+
 // One opening of the device, shared by the handle while it is open and by every call that is using
 // it: the descriptor and mode that such a call works with. Whoever drops the last share gives back
 // the descriptor's number that a close has left behind, if any.
@@ -85,17 +91,11 @@ bool IInterface::writeMessage(const _corvel_CanMsg& msg) {
     std::shared_ptr<const Opening> opening;
     {
         std::lock_guard<std::mutex> lock(m_stateMutex);
-        if (!m_isOpen) return logClosedWrite();
+        if (!m_isOpen) return logClosedWrite(m_isOpen, m_desc);
         opening = m_opening;
     }
     std::lock_guard<std::mutex> lock(m_writeMutex);
     return m_driver->writeMessage(opening->desc, msg, opening->canFd);
-}
-
-CORVEL_COLD bool IInterface::logClosedWrite() const {
-    CORVEL_LOG(failure) << "Failed to write, isOpen:" << m_isOpen << " fd:" << m_desc.fd
-                        << " handle:" << m_desc.handle;
-    return false;
 }
 
 }  // namespace corvel

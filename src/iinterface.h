@@ -52,8 +52,6 @@ public:
 private:
     struct Opening;
 
-    bool logClosedWrite() const;  // false
-
     std::shared_ptr<IDriver> m_driver;
     DeviceDesc m_desc;
     bool m_isOpen = false;
