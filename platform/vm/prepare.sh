@@ -13,7 +13,7 @@ image=$(current_image)
 [ -n "$image" ] || { run_as_root apt-get -qq update >&2 && image=$(current_image); }
 [ -n "$image" ] || { echo "apt knows no linux-image-amd64" >&2; exit 1; }
 version=${image#linux-image-}
-vm=${XDG_CACHE_HOME:-$HOME/.cache}/tn_corvel/$version
+vm=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel/$version
 if [ ! -e "$vm/initrd" ]; then
     echo "Preparing the virtual machine in $vm" >&2
     install_packages busybox-static make gcc xz-utils linux-source-6.1 "linux-headers-$version" >&2
