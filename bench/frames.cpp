@@ -18,7 +18,7 @@
 #include "counts.h"
 #include "tn_corvel.h"
 
-// Both the library's calls and the bare ones are counted, at the same cost. Commands are not run.
+// Stands in for the commands. (The library's calls and the bare ones are counted at the same cost.)
 extern "C" int system(const char*) {
     return 0;
 }
@@ -83,58 +83,47 @@ struct Pair {
         require(::read(in, &frame, sizeof frame) >= 16, "read");
         benchmark::DoNotOptimize(frame);
     }
+    void trip() const { write(), read(); }
+    void bareTrip() const { bareWrite(), bareRead(); }
+
     const int sender, receiver;
     const bool canFd;
     const int out, in;
 };
 
-// Times one batch of `timed`, with `before` and `after` it, each once a frame and not timed.
-template <typename Before, typename Timed, typename After>
-void measure(benchmark::State& state, Before before, Timed timed, After after) {
-    for (auto _ : state) {
-        for (int i = 0; i < batch; ++i) before();
-        const auto start = Clock::now();
-        for (int i = 0; i < batch; ++i) timed();
-        const std::chrono::duration<double> took = Clock::now() - start;
-        for (int i = 0; i < batch; ++i) after();
-        state.SetIterationTime(took.count() / batch);
-    }
+using Step = void (Pair::*)() const;
+
+// What is timed, and what goes before and after each batch of it to keep the queue as it was.
+const struct {
+    const char* name;
+    Step before, timed, after;
+} measurements[] = {
+    {"write/bare", nullptr, &Pair::bareWrite, &Pair::bareRead},
+    {"write/library", nullptr, &Pair::write, &Pair::bareRead},
+    {"read/bare", &Pair::bareWrite, &Pair::bareRead, nullptr},
+    {"read/library", &Pair::bareWrite, &Pair::read, nullptr},
+    {"round trip/bare", nullptr, &Pair::bareTrip, nullptr},
+    {"round trip/library", nullptr, &Pair::trip, nullptr},
+};
+
+void repeat(const Pair& pair, Step step) {
+    for (int i = 0; step != nullptr && i < batch; ++i) (pair.*step)();
 }
 
-const auto nothing = [] {};
-
-void addPair(const std::string& mode, bool canFd) {
-    using benchmark::State;
-    const auto add = [&](const std::string& name, auto run) {
-        benchmark::RegisterBenchmark((mode + "/" + name).c_str(), [canFd, run](State& state) {
+void addMode(const std::string& mode, bool canFd) {
+    for (const auto& m : measurements) {
+        benchmark::RegisterBenchmark((mode + m.name).c_str(), [m, canFd](benchmark::State& state) {
             const Pair pair(0, 1, canFd);
-            run(state, pair);
+            for (auto _ : state) {
+                repeat(pair, m.before);
+                const auto start = Clock::now();
+                repeat(pair, m.timed);
+                const std::chrono::duration<double> took = Clock::now() - start;
+                repeat(pair, m.after);
+                state.SetIterationTime(took.count() / batch);
+            }
         })->UseManualTime();
-    };
-    add("write/bare", [](State& state, const Pair& pair) {
-        measure(
-            state, nothing, [&] { pair.bareWrite(); }, [&] { pair.bareRead(); });
-    });
-    add("write/library", [](State& state, const Pair& pair) {
-        measure(
-            state, nothing, [&] { pair.write(); }, [&] { pair.bareRead(); });
-    });
-    add("read/bare", [](State& state, const Pair& pair) {
-        measure(
-            state, [&] { pair.bareWrite(); }, [&] { pair.bareRead(); }, nothing);
-    });
-    add("read/library", [](State& state, const Pair& pair) {
-        measure(
-            state, [&] { pair.bareWrite(); }, [&] { pair.read(); }, nothing);
-    });
-    add("round trip/bare", [](State& state, const Pair& pair) {
-        measure(
-            state, nothing, [&] { pair.bareWrite(), pair.bareRead(); }, nothing);
-    });
-    add("round trip/library", [](State& state, const Pair& pair) {
-        measure(
-            state, nothing, [&] { pair.write(), pair.read(); }, nothing);
-    });
+    }
 }
 
 // Keeps the medians, in nanoseconds by name.
@@ -159,7 +148,7 @@ double threadsOnPairs(int count) {
     for (int i = 0; i < count; ++i) {
         threads.emplace_back([i] {
             const Pair pair(2 * i, 2 * i + 1, false);
-            for (int trip = 0; trip < trips; ++trip) pair.write(), pair.read();
+            for (int trip = 0; trip < trips; ++trip) pair.trip();
         });
     }
     for (auto& thread : threads) thread.join();
@@ -174,19 +163,21 @@ public:
     void row(const std::string& name, double bare, double library, const char* unit) {
         printf("%-32s %11.1f %11.1f %7.3f  %s\n", name.c_str(), bare, library, library / bare,
                unit);
-        m_file << m_separator << "\n  {\"name\": \"" << name << "\", \"bare\": " << bare
-               << ", \"library\": " << library << ", \"ratio\": " << library / bare
-               << ", \"unit\": \"" << unit << "\"}";
-        m_separator = ",";
+        object(name, unit) << ", \"bare\": " << bare << ", \"library\": " << library
+                           << ", \"ratio\": " << library / bare << "}";
     }
     void figure(const std::string& name, double value, const char* unit) {
         printf("%-32s %23.2f          %s\n", name.c_str(), value, unit);
-        m_file << m_separator << "\n  {\"name\": \"" << name << "\", \"library\": " << value
-               << ", \"unit\": \"" << unit << "\"}";
-        m_separator = ",";
+        object(name, unit) << ", \"library\": " << value << "}";
     }
 
 private:
+    // Begins an object, which the caller ends.
+    std::ostream& object(const std::string& name, const char* unit) {
+        m_file << m_separator << "\n  {\"name\": \"" << name << "\", \"unit\": \"" << unit << '"';
+        m_separator = ",";
+        return m_file;
+    }
     std::ofstream m_file;
     const char* m_separator = "";
 };
@@ -195,7 +186,7 @@ void countCalls(Table& table) {
     constexpr int frames = 1000;
     const Pair pair(0, 1, false);
     const Counts before = counts();
-    for (int i = 0; i < frames; ++i) pair.write(), pair.read();
+    for (int i = 0; i < frames; ++i) pair.trip();
     const Counts after = counts();
     const auto row = [&](const char* name, long calls) {
         table.figure(name, static_cast<double>(calls) / frames, "");
@@ -221,8 +212,8 @@ void timeCycles(Table& table) {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     const char* const path = argc > 1 ? argv[1] : "/dev/null";
-    addPair("classic", false);
-    addPair("CAN FD", true);
+    addMode("classic/", false);
+    addMode("CAN FD/", true);
     Medians medians;
     benchmark::RunSpecifiedBenchmarks(&medians);
 

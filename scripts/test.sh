@@ -53,7 +53,8 @@ build_and_test() {
 memcheck() {
     for test in unit_tests bus_test 'stress_test --gtest_filter=-Stress.*'; do
         CORVEL_SHORT=1 build/dev/simcan/simcan valgrind -q --leak-check=full --error-exitcode=9 \
-            --soname-synonyms=somalloc=nouserintercepts build/dev/$test 2> >(grep -v ' corvel: ' >&2) || return 1
+            --soname-synonyms=somalloc=nouserintercepts build/dev/$test \
+            2> >(grep -v ' corvel: ' >&2) || return 1
     done
 }
 

@@ -2,7 +2,7 @@
 # Boots the virtual machine, runs a command of the host in it as root, and passes on its output and
 # exit status: boot.sh SECONDS COMMAND [ARGUMENT...]; no blanks or commas in the words. Whatever
 # hangs is ended after SECONDS. With VM_COUNTED=1 the guest's clock counts instructions.
-set -eu
+set -eu -o pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 vm=$("$here/prepare.sh")
 seconds=$1
@@ -26,5 +26,6 @@ timeout "$seconds" qemu-system-x86_64 -M q35 $machine -m 1024 -nographic -no-reb
     -virtfs local,path=/,mount_tag=host,security_model=none,readonly=on,multidevs=remap \
     -object can-bus,id=bus0 -device ctucan_pci,canbus0=bus0,canbus1=bus0 \
     -object can-bus,id=bus1 -device ctucan_pci,canbus0=bus1,canbus1=bus1 \
-    </dev/null 2>&1 | sed -u 's/\r//; s/\x1bc//g; s/\x1b\[[0-9;?]*[a-zA-Z]//g' | tee "$console" || echo "the virtual machine was ended after $seconds s"
+    </dev/null 2>&1 | sed -u 's/\r//; s/\x1bc//g; s/\x1b\[[0-9;?]*[a-zA-Z]//g' | tee "$console" ||
+    echo "the virtual machine was ended after $seconds s"
 grep -q '^exit status: 0$' "$console"
