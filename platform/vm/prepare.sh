@@ -14,7 +14,7 @@ image=$(current_image)
 [ -n "$image" ] || { echo "apt knows no linux-image-amd64" >&2; exit 1; }
 version=${image#linux-image-}
 vm=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel/$version
-if [ ! -e "$vm/initrd" ]; then
+if ! cmp -s "$0" "$vm/prepare.sh"; then
     echo "Preparing the virtual machine in $vm" >&2
     install_packages busybox-static make gcc xz-utils linux-source-6.1 "linux-headers-$version" >&2
     work=$(mktemp -d)
@@ -22,9 +22,14 @@ if [ ! -e "$vm/initrd" ]; then
     (cd "$work" && apt-get -qq download "$image") >&2
     dpkg -x "$work"/linux-image-*.deb "$work/root"
 
-    # Debian's kernel leaves this driver out.
+    # Debian's kernel leaves this driver out. Its condition is mended: when the last frame waiting
+    # is the last of its quota, it both ends its turn and asks for another, and the kernel may panic.
     tar -xJf /usr/src/linux-source-6.1.tar.xz -C "$work" --strip-components=4 \
         linux-source-6.1/drivers/net/can/ctucanfd
+    driver=$work/ctucanfd/ctucanfd_base.c
+    sed -i 's/if (!framecnt && res != 0/& \&\& work_done < quota/' "$driver"
+    grep -qF '&& work_done < quota) {' "$driver" ||
+        echo "the driver's source has changed: does it still need mending?" >&2
     make -s -C "/usr/src/linux-headers-$version" M="$work/ctucanfd" \
         CONFIG_CAN_CTUCANFD=m CONFIG_CAN_CTUCANFD_PCI=m modules >&2
     modules=$work/root/lib/modules/$version
@@ -41,7 +46,8 @@ if [ ! -e "$vm/initrd" ]; then
         while read -r number file; do cp "$file" "$work/initrd/modules/$number-${file##*/}"; done
     mkdir -p "$vm"
     cp "$work/root/boot/vmlinuz-$version" "$vm/vmlinuz"
-    (cd "$work/initrd" && find . | cpio -o -H newc --quiet | gzip -1) >"$vm/initrd.new"
-    mv "$vm/initrd.new" "$vm/initrd"
+    (cd "$work/initrd" && find . | cpio -o -H newc --quiet | gzip -1) >"$vm/initrd"
+    cp "$0" "$vm/prepare.sh.new"
+    mv "$vm/prepare.sh.new" "$vm/prepare.sh"
 fi
 echo "$vm"
