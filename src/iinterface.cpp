@@ -59,8 +59,7 @@ bool IInterface::open(unsigned int bitrate, bool canFd, unsigned int dbitrate) {
     m_canFd = canFd;
     m_opening = std::make_shared<Opening>(m_desc, canFd);  // now, since nothing may fail later
     m_isOpen = m_driver->open(m_desc, bitrate, canFd, dbitrate);
-    m_opening->desc.fd = m_desc.fd;
-    m_opening->desc.handle = m_desc.handle;
+    m_opening->desc = m_desc;  // its name is there already, so this takes no memory
     return m_isOpen;
 }
 

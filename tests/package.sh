@@ -37,14 +37,20 @@ simcan build/ping 2>/dev/null | grep '^identifier 123, 3 bytes'
 # The monitors, against the sender.
 cc monitor.c -o monitor -ltn_corvel
 cc send.c -o send -ltn_corvel
+eventually() { for _ in $(seq 100); do ! "$@" || return 0; sleep 0.1; done; "$@"; }
+shown() {
+    sed -E 's/^\([0-9]+\.[0-9]{6}\) can1 //' log | tr '\n' ' ' |
+        grep -qx '123#112233 123#112233 1ABCDEF0# 1ABCDEF0# 7FF#R2 7FF#R2 '
+}
 for monitor in ./monitor 'python3 monitor.py'; do
-    simcan $monitor 1 >log 2>/dev/null &
-    sleep 1
+    : >err
+    simcan $monitor 1 >log 2>err &
+    eventually grep -q 'Successfully opened' err
     for frame in 123#11.22.33 1ABCDEF0# 7FF#R2; do simcan ./send 0 $frame 2 2>/dev/null; done
+    eventually shown || { cat log; exit 1; }
     kill -INT $!
     wait $!
-    sed -E 's/^\([0-9]+\.[0-9]{6}\) can1 //' log | tr '\n' ' ' |
-        grep -x '123#112233 123#112233 1ABCDEF0# 1ABCDEF0# 7FF#R2 7FF#R2 '
+    shown
     echo "$monitor shows what send sent"
 done
 for words in '0 12345#11' '0 123#1' '0 123#112233445566778899' '0 800#' 'x 123#' '0 7FF#R 1 0 9 9'; do
