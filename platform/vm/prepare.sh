@@ -44,10 +44,9 @@ if ! cmp -s "$0" "$vm/prepare.sh"; then
         modprobe -d "${modules%/lib/modules/*}" -S "$version" --show-depends "$module"
     done | awk '$1 == "insmod" && !seen[$2]++ { print $2 }' | nl -nrz -w3 |
         while read -r number file; do cp "$file" "$work/initrd/modules/$number-${file##*/}"; done
-    mkdir -p "$vm"
+    mkdir -p "$vm" && rm -f "$vm/prepare.sh"
     cp "$work/root/boot/vmlinuz-$version" "$vm/vmlinuz"
     (cd "$work/initrd" && find . | cpio -o -H newc --quiet | gzip -1) >"$vm/initrd"
-    cp "$0" "$vm/prepare.sh.new"
-    mv "$vm/prepare.sh.new" "$vm/prepare.sh"
+    cp "$0" "$vm"  # last: it tells that all is there, and made like this
 fi
 echo "$vm"
