@@ -24,8 +24,11 @@ def text(msg):
 
 
 def main():
+    words = sys.argv[1:] or ["0"]
+    if len(words) > 1 or not words[0].isdecimal():
+        sys.exit("usage: monitor.py [N]    N is the number of the interface")
+    device = int(words[0])
     corvel = ctypes.CDLL("libtn_corvel.so")
-    device = int(sys.argv[1]) if len(sys.argv) > 1 else 0
     stopped = []
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: stopped.append(True))
@@ -33,10 +36,12 @@ def main():
     if status != 0:
         sys.exit(f"monitor.py: can{device} could not be initialised (status {status})")
     msg = CanMsg()
-    while not stopped:
-        if corvel.corvel_readMessage(device, ctypes.byref(msg), 100) == 0:
-            print(f"({time.time():.6f}) can{device} {text(msg)}", flush=True)
-    corvel.corvel_freeDLL(device)
+    try:
+        while not stopped:
+            if corvel.corvel_readMessage(device, ctypes.byref(msg), 100) == 0:
+                print(f"({time.time():.6f}) can{device} {text(msg)}", flush=True)
+    finally:
+        corvel.corvel_freeDLL(device)
 
 
 if __name__ == "__main__":

@@ -76,8 +76,8 @@ typedef struct _corvel_CanMsg {
  * outcome would be lost (status 5). After status 5 the link may be left up.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index
- * @param bitrate  nominal bit rate in kbit/s, at most 4294967; only the controller's driver checks
- * it
+ * @param bitrate  nominal bit rate in kbit/s, at most 4294967; examined by the controller's driver
+ *                 alone
  * @param canFd    true: CAN FD. Every frame is then sent as a CAN FD frame with bit-rate switch.
  * @param dbitrate data-phase bit rate in kbit/s, as bitrate; without effect unless canFd
  * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is already initialised, the interfaces

@@ -38,8 +38,8 @@ public:
                      unsigned int timeout) override;
 
     /// One write: fails when the transmit queue is full, waits when the socket's send buffer is. In
-    /// CAN FD mode every frame is sent as a CAN FD
-    /// frame with bit-rate switch; remote frames and more than 8 bytes are refused.
+    /// CAN FD mode every frame is sent as a CAN FD frame with bit-rate switch; remote frames and
+    /// more than 8 bytes are refused.
     bool writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg& msg,
                       bool canFd) override;
 

@@ -29,5 +29,5 @@ timeout "$seconds" qemu-system-x86_64 -M q35 $machine -m 1024 -nographic -no-reb
     -virtfs local,path=/,mount_tag=host,security_model=none,readonly=on,multidevs=remap \
     -object can-bus,id=bus0 -object can-bus,id=bus1 -device "$card" -device "$card" \
     </dev/null 2>&1 | sed -u 's/\r//; s/\x1bc//g; s/\x1b\[[0-9;?]*[a-zA-Z]//g' | tee "$console" ||
-    echo "the virtual machine was ended after $seconds s"
+    echo "the virtual machine failed, or was ended after $seconds s"
 grep -q '^exit status: 0$' "$console"
