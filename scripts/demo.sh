@@ -25,4 +25,4 @@ fi
 if [ "${1-}" = --vm ]; then
     exec platform/vm/boot.sh 120 "$PWD/build/release/exchange"
 fi
-exec build/release/simcan/simcan build/release/exchange
+exec build/release/simcan/simcan --own build/release/exchange

@@ -1,4 +1,4 @@
-// Wakes what waits on a simulated interface: simcan-down NAME
+// Tells what is open on a simulated interface that its link went down: simcan-down NAME
 
 #include "simcan.h"
 

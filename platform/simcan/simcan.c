@@ -1,5 +1,6 @@
 #include "simcan.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <linux/can.h>
@@ -7,30 +8,37 @@
 #include <linux/filter.h>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <netinet/in.h>
 #include <netlink/cache.h>
 #include <netlink/errno.h>
 #include <netlink/route/link.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdatomic.h>
-#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+// A bus is a multicast group on the loopback interface: a CAN socket is a UDP socket bound to the
+// group, and a frame is one datagram to it, of which the kernel puts a copy into every queue.
+//
+// Each socket sends from a loopback address of its own, by which its filter knows its own frames.
+// The filter decides too whether it receives CAN FD frames, and which of the short datagrams that
+// say that a link went down are meant for it: they hold the link's number.
 
 #define EXPORT __attribute__((visibility("default")))
 // The function that one of this library stands in for.
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
-enum { LINK_LIMIT = 32, FIRST_INDEX = 100, SOCKETS_PER_LINK = 4 };
+enum { LINK_LIMIT = 32, FIRST_INDEX = 100, LOOPBACK_INDEX = 1 };
 
 struct link {
     char name[IFNAMSIZ];
-    char bus[IFNAMSIZ];
+    struct sockaddr_in bus;
 };
 
 static struct link links[LINK_LIMIT];
@@ -38,17 +46,42 @@ static int linkCount;
 static pthread_once_t linksRead = PTHREAD_ONCE_INIT;
 static atomic_int failures[SIMCAN_CACHE + 1];
 
+// FNV-1a. The same in every process, so that all find the same bus and link.
+static uint64_t hash(uint64_t seed, const char* text) {
+    uint64_t value = 0xCBF29CE484222325u ^ seed;
+    for (; *text != '\0'; text++) value = (value ^ (unsigned char)*text) * 0x100000001B3u;
+    return value ^ value >> 32;
+}
+
+// A group of 239.0.0.0/8, which stays within the machine, and a port that is given to nobody else.
+static struct sockaddr_in busAddress(const char* name) {
+    const char* run = getenv("SIMCAN_RUN");
+    const uint64_t number = hash(hash(getuid(), run != NULL ? run : ""), name);
+    struct sockaddr_in address;
+    memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(0xEF000000u | (number & 0xFFFFFF));
+    address.sin_port = htons((uint16_t)(61000 + (number >> 24) % 4536));
+    return address;
+}
+
 static void readLinks(void) {
     const char* setting = getenv("SIMCAN");
     char* list = strdup(setting != NULL ? setting : "can0 can1");
     char* rest = NULL;
-    for (char* word = list ? strtok_r(list, " ", &rest) : NULL; word && linkCount < LINK_LIMIT;
+    for (char* word = list ? strtok_r(list, " ", &rest) : NULL; word != NULL;
          word = strtok_r(NULL, " ", &rest)) {
-        struct link* link = &links[linkCount++];
-        const char* colon = strchr(word, ':');
-        const int length = colon ? (int)(colon - word) : (int)strlen(word);
-        snprintf(link->name, sizeof link->name, "%.*s", length, word);
-        snprintf(link->bus, sizeof link->bus, "%s", colon ? colon + 1 : "0");
+        char* colon = strchr(word, ':');
+        if (colon != NULL) *colon = '\0';
+        if (*word == '\0' || strlen(word) >= IFNAMSIZ || strchr(word, '/') != NULL) {
+            fprintf(stderr, "simcan: '%s' is no name of an interface\n", word);
+        } else if (linkCount == LINK_LIMIT) {
+            fprintf(stderr, "simcan: '%s' is one interface too many\n", word);
+        } else {
+            struct link* link = &links[linkCount++];
+            strcpy(link->name, word);
+            link->bus = busAddress(colon != NULL ? colon + 1 : "0");
+        }
     }
     free(list);
 }
@@ -73,58 +106,83 @@ EXPORT void simcan_failNext(enum simcan_Call call, int error) {
     failures[call] = error;
 }
 
-// A socket's name in the abstract namespace: user, bus, interface and place on the interface.
-static socklen_t makeAddress(struct sockaddr_un* address, const struct link* link, int place) {
-    memset(address, 0, sizeof *address);
-    address->sun_family = AF_UNIX;
-    const int length =
-        snprintf(address->sun_path + 1, sizeof address->sun_path - 1, "simcan/%u/%s/%s/%d",
-                 (unsigned)getuid(), link->bus, link->name, place);
-    return (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + (size_t)length);
+// What a socket's filter depends on: the link that it is bound to, -1 if none, and whether it wants
+// CAN FD frames. Kept in its low-water mark, which datagrams have no use for.
+struct mode {
+    int link;
+    int canFd;
+};
+
+static struct mode modeOf(int fd) {
+    int mark = 0;
+    socklen_t size = sizeof mark;
+    getsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, &size);
+    return (struct mode){mark / 2 - 2, mark % 2};
 }
 
-// The interface that a socket is bound to, with the socket's place on it; NULL for anything that is
-// not a CAN socket.
-static const struct link* linkOf(int fd, int* place) {
-    struct sockaddr_un address;
-    socklen_t size = sizeof address - 1;
-    char name[IFNAMSIZ];
-    memset(&address, 0, sizeof address);
-    if (getsockname(fd, (struct sockaddr*)&address, &size) != 0 || address.sun_family != AF_UNIX ||
-        sscanf(address.sun_path + 1, "simcan/%*u/%*[^/]/%15[^/]/%d", name, place) != 2) {
-        return NULL;
-    }
-    return findLink(name);
+// The address that a socket's frames come from.
+static uint32_t source(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 ? 0x7F000000u | ((uint32_t)status.st_ino & 0xFFFFFF) : 0;
 }
 
-// A socket that has not enabled CAN FD frames does not receive them: its filter drops what has
-// their size. Its priority tells the mode to its own writes.
-static int acceptCanFd(int fd, int canFd) {
+static int setMode(int fd, struct mode mode) {
+    enum { UDP_HEADER = 8, SOURCE = SKF_NET_OFF + 12 };
+    const uint32_t link = mode.link < 0 ? 0 : (uint32_t)hash(0, links[mode.link].name);
     struct sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, CANFD_MTU, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, canFd ? UINT32_MAX : 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, UDP_HEADER + sizeof link, 0, 2),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, UDP_HEADER),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, link, 4, 5),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, UDP_HEADER + CAN_MTU, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, mode.canFd ? UDP_HEADER + CANFD_MTU : 0, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, (uint32_t)SOURCE),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, source(fd), 1, 0),
         BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
+        BPF_STMT(BPF_RET | BPF_K, 0),
     };
-    struct sock_fprog program;
-    memset(&program, 0, sizeof program);
-    program.len = sizeof filter / sizeof *filter;
-    program.filter = filter;
+    const struct sock_fprog program = {sizeof filter / sizeof *filter, filter};
+    const int mark = 2 * (mode.link + 2) + mode.canFd;
     if (REAL(setsockopt)(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0)
         return -1;
-    return REAL(setsockopt)(fd, SOL_SOCKET, SO_PRIORITY, &canFd, sizeof canFd);
+    return REAL(setsockopt)(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark);
 }
 
-static int acceptsCanFd(int fd) {
-    int priority = 0;
-    socklen_t size = sizeof priority;
-    return getsockopt(fd, SOL_SOCKET, SO_PRIORITY, &priority, &size) == 0 && priority != 0;
+// True for a bound CAN socket, with the address of its bus. Leaves errno alone.
+static int findBus(int fd, struct sockaddr_in* bus) {
+    const int saved = errno;
+    socklen_t size = sizeof *bus;
+    memset(bus, 0, sizeof *bus);
+    getsockname(fd, (struct sockaddr*)bus, &size);
+    errno = saved;
+    for (int i = 0; i < linkCount; i++) {
+        if (memcmp(bus, &links[i].bus, sizeof *bus) == 0) return 1;
+    }
+    return 0;
 }
 
 static int isFrame(int fd, const void* data, size_t size) {
     const struct canfd_frame* frame = data;  // a classic frame has its length in the same place
     return (size == CAN_MTU && frame->len <= CAN_MAX_DLEN) ||
-           (size == CANFD_MTU && frame->len <= CANFD_MAX_DLEN && acceptsCanFd(fd));
+           (size == CANFD_MTU && frame->len <= CANFD_MAX_DLEN && modeOf(fd).canFd);
+}
+
+// In a network namespace made just now, the loopback interface is down.
+static void raiseLoopback(int fd) {
+    struct ifreq request = {.ifr_name = "lo"};
+    if (REAL(ioctl)(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_UP) != 0) return;
+    request.ifr_flags |= IFF_UP;
+    REAL(ioctl)(fd, SIOCSIFFLAGS, &request);
+}
+
+// A socket on the loopback interface alone: nothing leaves the machine, nothing comes from outside.
+static int openLoopback(int flags) {
+    const int fd = REAL(socket)(AF_INET, SOCK_DGRAM | flags, 0);
+    if (fd < 0) return -1;
+    raiseLoopback(fd);
+    if (REAL(setsockopt)(fd, SOL_SOCKET, SO_BINDTODEVICE, "lo", sizeof "lo" - 1) == 0) return fd;
+    close(fd);
+    return -1;
 }
 
 EXPORT int rtnl_link_alloc_cache(struct nl_sock* socket, int family, struct nl_cache** result) {
@@ -156,8 +214,8 @@ EXPORT int socket(int domain, int type, int protocol) {
         errno = EPROTONOSUPPORT;
         return -1;
     }
-    const int fd = REAL(socket)(AF_UNIX, SOCK_DGRAM | flags, 0);
-    if (fd >= 0) acceptCanFd(fd, 0);
+    const int fd = openLoopback(flags);
+    if (fd >= 0) setMode(fd, (struct mode){-1, 0});
     return fd;
 }
 
@@ -183,13 +241,15 @@ EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
         errno = ENODEV;
         return -1;
     }
-    for (int place = 0; place < SOCKETS_PER_LINK; place++) {
-        struct sockaddr_un own;
-        const socklen_t length = makeAddress(&own, &links[index], place);
-        if (REAL(bind)(fd, (struct sockaddr*)&own, length) == 0) return 0;
-        if (errno != EADDRINUSE) return -1;
+    const struct sockaddr_in* bus = &links[index].bus;
+    const struct ip_mreq group = {bus->sin_addr, {htonl(INADDR_LOOPBACK)}};
+    const int shared = 1;
+    if (REAL(setsockopt)(fd, SOL_SOCKET, SO_REUSEADDR, &shared, sizeof shared) != 0 ||
+        REAL(setsockopt)(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0 ||
+        setMode(fd, (struct mode){index, modeOf(fd).canFd}) != 0) {
+        return -1;
     }
-    return -1;
+    return REAL(bind)(fd, (const struct sockaddr*)bus, sizeof *bus);
 }
 
 EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
@@ -199,43 +259,43 @@ EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_
         errno = option != CAN_RAW_FD_FRAMES ? ENOPROTOOPT : EINVAL;
         return -1;
     }
-    return acceptCanFd(fd, *(const int*)value != 0);
+    return setMode(fd, (struct mode){modeOf(fd).link, *(const int*)value != 0});
 }
 
 EXPORT ssize_t write(int fd, const void* data, size_t size) {
-    const int saved = errno;
-    int ownPlace = 0;
-    const struct link* own = linkOf(fd, &ownPlace);
-    errno = saved;
-    if (own == NULL) return REAL(write)(fd, data, size);
+    struct sockaddr_in bus;
+    if (!findBus(fd, &bus)) return REAL(write)(fd, data, size);
     if (failsNow(SIMCAN_WRITE)) return -1;
     if (!isFrame(fd, data, size)) {
         errno = EINVAL;
         return -1;
     }
-    int full = 0;
-    for (const struct link* link = links; link < links + linkCount; link++) {
-        if (strcmp(link->bus, own->bus) != 0) continue;
-        for (int place = 0; place < SOCKETS_PER_LINK; place++) {
-            if (link == own && place == ownPlace) continue;
-            struct sockaddr_un to;
-            const socklen_t length = makeAddress(&to, link, place);
-            if (sendto(fd, data, size, MSG_DONTWAIT, (struct sockaddr*)&to, length) < 0) {
-                full |= errno == EAGAIN;
-            }
-        }
-    }
-    errno = full ? ENOBUFS : saved;
-    return full ? -1 : (ssize_t)size;
+    char copy[CANFD_MTU];
+    memcpy(copy, data, size);
+    struct iovec frame = {copy, size};
+    union {
+        struct cmsghdr header;
+        char space[CMSG_SPACE(sizeof(struct in_pktinfo))];
+    } from = {.header = {CMSG_LEN(sizeof(struct in_pktinfo)), IPPROTO_IP, IP_PKTINFO}};
+    const struct in_pktinfo info = {LOOPBACK_INDEX, {htonl(source(fd))}, {0}};
+    memcpy(CMSG_DATA(&from.header), &info, sizeof info);
+    const struct msghdr message = {&bus, sizeof bus, &frame, 1, &from, sizeof from, 0};
+    return sendmsg(fd, &message, 0);
+}
+
+EXPORT ssize_t read(int fd, void* data, size_t size) {
+    const ssize_t count = REAL(read)(fd, data, size);
+    struct sockaddr_in bus;
+    if (count != sizeof(uint32_t) || !findBus(fd, &bus)) return count;
+    errno = ENETDOWN;
+    return -1;
 }
 
 EXPORT void simcan_linkDown(const char* interface) {
     const struct link* link = findLink(interface);
-    const int fd = REAL(socket)(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    for (int place = 0; link != NULL && fd >= 0 && place < SOCKETS_PER_LINK; place++) {
-        struct sockaddr_un to;
-        const socklen_t length = makeAddress(&to, link, place);
-        sendto(fd, "", 0, MSG_DONTWAIT, (struct sockaddr*)&to, length);
-    }
-    if (fd >= 0) close(fd);
+    const int fd = link != NULL ? openLoopback(SOCK_CLOEXEC) : -1;
+    if (fd < 0) return;
+    const uint32_t number = htonl((uint32_t)hash(0, link->name));
+    sendto(fd, &number, sizeof number, 0, (const struct sockaddr*)&link->bus, sizeof link->bus);
+    close(fd);
 }

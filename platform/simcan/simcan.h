@@ -4,17 +4,25 @@
  *
  * A program that is preloaded with libsimcan.so, or linked with it before anything else, finds the
  * interfaces that the environment variable SIMCAN names, beside lo: a list of NAME or NAME:BUS
- * separated by blanks, "can0 can1" when it is not set; BUS is any word, "0" by default. At most 32
- * interfaces count. Interfaces of one bus reach each other across all processes of one user.
+ * separated by blanks, "can0 can1" when it is not set. BUS is any text without a blank, "0" by
+ * default. There may be 32 interfaces; what is no name of one is reported on standard error.
+ * Interfaces of one bus reach each other across all processes of one user in one network namespace
+ * whose SIMCAN_RUN is the same text, or not set. A bus is no secret: any program of the machine
+ * could listen or send.
  *
- * A frame goes to every other socket on the bus, and CAN FD frames only to those that enabled them,
- * as in the kernel. What differs from a real bus:
- * - Links need not be up, and are never configured; `system` is not touched. The `sudo` beside this
+ * A frame goes to every other socket on the bus, on whichever interface, and CAN FD frames only to
+ * those that enabled them. Each socket has a queue for some 250 frames; what does not fit is lost
+ * to that socket alone, and nobody is told. All that is as in the kernel. What differs:
+ * - Links are never configured and need not be up. `system` is not touched: the `sudo` beside this
  *   library takes the place of the real one when its folder comes first in PATH.
- * - When a receiver's queue is full (some ten frames) the write fails with ENOBUFS, although other
- *   receivers may have got the frame. Without receivers the frame is taken and dropped.
- * - Taking an interface down wakes its sockets with a datagram of no bytes, not with an error.
- * - Four sockets fit on an interface; binding one more fails with EADDRINUSE.
+ * - Frames arrive at once: no bit rate, no arbitration, no errors. A write never waits for room and
+ *   never fails with ENOBUFS, unless ordered by simcan_failNext().
+ * - When an interface is taken down, the next read of each socket on it fails with ENETDOWN, as in
+ *   the kernel, but frames that came before are read first, and a socket whose queue is full is not
+ *   told. That the link is down is not remembered: writes succeed, frames go on arriving.
+ * - CAN sockets know socket, SIOCGIFINDEX, bind, CAN_RAW_FD_FRAMES, select or poll, read, write and
+ *   close. Programs that want more (candump and the like) need a real or virtual interface.
+ * - In a network namespace whose loopback interface is down, it is brought up, or nothing opens.
  */
 #ifndef SIMCAN_H
 #define SIMCAN_H
@@ -42,7 +50,10 @@ enum simcan_Call {
  */
 void simcan_failNext(enum simcan_Call call, int error);
 
-/** Wakes every socket bound to an interface, in all processes of this user: its link went down. */
+/**
+ * Tells every socket on an interface, in all processes of this user, that its link went down: one
+ * read of each fails with ENETDOWN.
+ */
 void simcan_linkDown(const char* interface);
 
 #ifdef __cplusplus

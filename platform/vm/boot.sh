@@ -1,18 +1,20 @@
 #!/bin/bash
 # Boots the virtual machine, runs a command of the host in it as root, and passes on its output and
-# exit status: boot.sh SECONDS COMMAND [ARGUMENT...]; no blanks or commas in the words. Whatever
-# hangs is ended after SECONDS. With VM_COUNTED=1 the guest's clock counts instructions.
+# exit status: boot.sh SECONDS COMMAND [ARGUMENT...]. Whatever hangs is ended after SECONDS. With
+# VM_COUNTED=1 the guest's clock counts instructions.
 set -eu -o pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 vm=$("$here/prepare.sh")
 seconds=$1
 shift
-command=$(IFS=,; echo "$*")
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 console=$work/console
-(cat "$vm/initrd"; cd "$here" && echo init | cpio -o -H newc --quiet | gzip) >"$work/initrd"
+cp "$here/init" "$here/run" "$work"
+printf 'exec %s\n' "$(printf '%q ' "$@")" >"$work/command"
+(cat "$vm/initrd"; cd "$work" && printf '%s\n' init run command | cpio -o -H newc --quiet | gzip) \
+    >"$work/initrd"
 if [ "${VM_COUNTED-}" = 1 ]; then
     machine='-accel tcg,thread=single -smp 1 -icount shift=0,sleep=off
         -cpu qemu64,invtsc=on,xlevel=0x80000008'
@@ -25,7 +27,7 @@ fi
 card=ctucan_pci,canbus0=bus0,canbus1=bus1
 timeout "$seconds" qemu-system-x86_64 -M q35 $machine -m 1024 -nographic -no-reboot -nic none \
     -kernel "$vm/vmlinuz" -initrd "$work/initrd" \
-    -append "console=ttyS0 quiet panic=-1 rdinit=/init $clock run=$command" \
+    -append "console=ttyS0 quiet panic=-1 rdinit=/init $clock" \
     -virtfs local,path=/,mount_tag=host,security_model=none,readonly=on,multidevs=remap \
     -object can-bus,id=bus0 -object can-bus,id=bus1 -device "$card" -device "$card" \
     </dev/null 2>&1 | sed -u 's/\r//; s/\x1bc//g; s/\x1b\[[0-9;?]*[a-zA-Z]//g' | tee "$console" ||

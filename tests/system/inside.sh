@@ -24,6 +24,7 @@ refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is requi
 # The build where any user can read it; and a sudo for root that takes no second to think.
 mkdir -p /opt/corvel/fast
 cp "$build"/{exchange,monitor,send,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
+cp -r "$build/simcan" /opt/corvel
 export LD_LIBRARY_PATH=/opt/corvel PATH=/opt/corvel:$PATH
 printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo
 chmod -R a+rx /opt/corvel
@@ -119,10 +120,22 @@ ip link set can1 down
 echo "--- the same tests as on the simulated bus, and what only a real link shows"
 bus() { timeout 90 env "$@" 2>/dev/null; }
 check 'every test of the bus' bus bus_test
-for cut in 'ip link set can0 down' 'echo 1 >/sys/class/net/can0/device/remove'; do
-    check "a waiting read, and $cut" \
-        bus CORVEL_TEST_CUT="$cut" bus_test --gtest_filter='*ACutLinkEndsReads'
-done
+grep burst check.out
+check 'a waiting read, and the adapter is removed' \
+    bus CORVEL_TEST_CUT='echo 1 >/sys/class/net/can0/device/remove' bus_test --gtest_filter='*ACut*'
+
+echo "--- as an ordinary user, on a pair of virtual interfaces"
+on_pair() { as_user timeout 90 /opt/corvel/simcan/simcan --kernel "$@" 2>/dev/null; }
+check 'exchange' on_pair exchange
+check 'every test of the bus' on_pair bus_test
+grep burst check.out
+on_pair bash -c 'ip link set can1 up; monitor 0 & candump -L can1 & sleep 2; cansend can1 123#1122
+    send 0 7FF#R2; kill -INT %1 %2; wait' >log
+sed -n 's/^([0-9.]*) //p' log | sort >arrived
+expect 'candump and cansend, monitor and send' 'can0 123#1122' 'can0 7FF#R2' 'can1 123#1122' 'can1 7FF#R2'
+rmmod vxcan
+on_pair true 2>refused
+check 'without the module: status 2' test $? = 2
 
 echo "$failed failed"
 exit "$failed"
