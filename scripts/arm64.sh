@@ -1,11 +1,11 @@
 #!/bin/bash
 # Builds the library for 64-bit ARM and runs the unit tests under qemu-user. Debian's libraries for
-# that architecture are unpacked in build/arm64-root; the machine's own package system is not told.
+# that architecture are unpacked in a cache folder; the machine's own package system is not told.
 set -eu
 . "$(dirname "$0")/common.sh"
 install_packages $build_packages g++-aarch64-linux-gnu qemu-user
 
-export ARM64_ROOT=$PWD/build/arm64-root
+export ARM64_ROOT=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel/arm64
 if [ ! -e "$ARM64_ROOT/complete" ]; then
     apt=$ARM64_ROOT/apt
     mkdir -p "$apt"/lists/partial "$apt"/archives/partial

@@ -7,10 +7,8 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-case "${1-}" in
-    '') [ $# -eq 0 ] || exit 2 ;;
-    --real) [ $# -eq 3 ] || { echo "usage: demo.sh --real A B" >&2; exit 2; } ;;
-    --vm) [ $# -eq 1 ] || exit 2 ;;
+case "$#${1-}" in
+    0 | 1--vm | 3--real) ;;
     *) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
 esac
 
