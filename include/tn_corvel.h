@@ -8,16 +8,24 @@
  * four name the adapter by its device index: the number N of its interface canN.
  *
  * Threads: any thread may call any function, for any index. A read that waits holds up no other
- * call but a second read on the same device. The caller's one duty: for one index, an
- * initialisation must not run at the same time as another initialisation or a release.
+ * call but a second read on the same device. The caller's duties: for one index, an initialisation
+ * must not run at the same time as another initialisation or a release; no calls from signal
+ * handlers; no thread is cancelled inside a call; and after fork, a child of a process with threads
+ * makes no call before it executes another program.
  *
- * A release may meet reads and writes of other threads. It does not wait for them; they fail, a
- * waiting read as soon as the link is down rather than after its time-out, and they never touch
- * what the application opens meanwhile. (This takes two spare file descriptors during the release.
- * In a process that has none left, such a call goes on with the closed descriptor.)
+ * A release may meet reads and writes of other threads. It does not wait for them, and they never
+ * touch what the application opens meanwhile. A waiting read comes back with CORVEL_NO_FRAME as
+ * soon as the link is down, rather than after its time-out; a write that waits for room does so
+ * too, with CORVEL_NOT_WRITTEN or, when the frame was still taken and is then dropped,
+ * CORVEL_SUCCESS. Where the command that takes the link down fails, they go on waiting. (This takes
+ * two spare file descriptors during the release. In a process that has none left, such a call goes
+ * on with the closed descriptor.)
+ *
+ * When a link goes down by other hands (cable, administrator), one waiting read of the device
+ * learns of it; a read after that waits its time-out.
  *
  * Devices still initialised when the library is unloaded or the process exits stay configured and
- * up: release each device first.
+ * up: release each device first. Calls that come when the process is ending find no device.
  *
  * Failures are reported by status; the reason goes to the log. C++ callers: no function catches
  * std::bad_alloc. Where it leaves a function, no lock is held, no descriptor is left open, an
@@ -72,8 +80,10 @@ typedef struct _corvel_CanMsg {
  * Configures interface "can" + devIndex, brings it up and opens it.
  *
  * Runs two `ip link set` commands under `sudo`, which the calling user must be allowed to use, and
- * takes as long as they do. The application must not ignore SIGCHLD meanwhile: the commands'
- * outcome would be lost (status 5). After status 5 the link may be left up.
+ * takes as long as they do. The application must not ignore SIGCHLD meanwhile, nor wait for any
+ * child, as waitpid(-1, ...) does, in another thread: the commands' outcome would be lost (status
+ * 5). It waits for its own children by their process id instead. After status 5 the link may be
+ * left up.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index
  * @param bitrate  nominal bit rate in kbit/s, at most 4294967; examined by the controller's driver
@@ -99,14 +109,15 @@ CORVEL_API int32_t corvel_freeDLL(int32_t devIndex);
  * Hands one frame to the kernel for transmission. Does not wait for it to appear on the bus.
  *
  * The socket is a blocking one: when its send buffer is full, with some hundreds of frames not yet
- * on the bus, the call waits until one of them is. Where nothing acknowledges frames, that may be
- * until the device is released, which ends the call with CORVEL_NOT_WRITTEN.
+ * on the bus, the call waits until one of them is, or a signal is handled on its thread. Where
+ * nothing acknowledges frames, that may be until the device is released.
  *
  * @param devIndex index of an initialised device
  * @param msg      frame to send
  * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is not initialised; CORVEL_NOT_WRITTEN
- *         when the transmit queue is full (try again later), the link is down, msg is null, or a
- *         CAN FD device is asked for a remote frame or for more than 8 bytes
+ *         when the transmit queue is full (try again later), a signal interrupted the wait for
+ *         room, the link is down, msg is null, or a CAN FD device is asked for a remote frame or
+ *         for more than 8 bytes
  */
 CORVEL_API int32_t corvel_writeMessage(int32_t devIndex, const struct _corvel_CanMsg* msg);
 

@@ -1,8 +1,9 @@
 # Sourced by the scripts: goes to the project's folder, and installs packages.
 PATH=$PATH:/usr/sbin:/sbin # where Debian keeps some of the programs, but not in a user's path
 cd "$(dirname "${BASH_SOURCE:-$0}")/.." || exit 1
-case $PWD in
-    *[:\;,]*) echo "please move the project: its folder's name may hold no ':', ';' or ',': $PWD" >&2; exit 2 ;;
+case $PWD in *[:\;]*)
+    echo "the loader takes no folder with a ':' or ';' in its name, please move this one: $PWD" >&2
+    exit 2 ;;
 esac
 
 build_packages='g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev'

@@ -84,6 +84,35 @@ bool bindSocket(int fd, const std::string& name) {
     return true;
 }
 
+// Makes the kernel report once more that the link of a bound socket is down, if it is: it does so
+// when a socket is bound, and passes over a binding to where the socket is already. Meanwhile the
+// socket is bound to every interface, so it receives nothing.
+void reportLinkDown(int fd) {
+    sockaddr_can address{};
+    socklen_t size = sizeof address;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+        address.can_ifindex == 0 ||  // the interface is gone
+        ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, nullptr, 0) != 0) {
+        return;
+    }
+    const sockaddr_can own = address;
+    address.can_ifindex = 0;
+    for (const sockaddr_can& to : {address, own}) {
+        ::bind(fd, reinterpret_cast<const sockaddr*>(&to), addressLength);
+    }
+    const can_filter everything{};
+    ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, &everything, sizeof everything);
+}
+
+// A descriptor above those of standard input, output and error in the place of `fd`: what the
+// application prints must not go onto the bus. Below 0 when there is none.
+int keepStandardStreamsFree(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(fd);
+    return moved;
+}
+
 bool enableCanFd(int fd) {
     const int on = 1;
     if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) != 0) {
@@ -128,9 +157,12 @@ CORVEL_COLD bool frameError(const char* text) {
     return false;
 }
 
-CORVEL_COLD bool writeError() {
+// The kernel reports once that a link went down. When a write learns of it, a read that select has
+// woken for it would wait for a frame that does not come.
+CORVEL_COLD bool writeError(int fd) {
     const int error = errno;
     CORVEL_LOG(failure) << "write error:" << std::strerror(error) << "(errno=" << error << ")";
+    if (error == ENETDOWN) reportLinkDown(fd);
     return false;
 }
 
@@ -147,7 +179,7 @@ CORVEL_COLD bool frameRefused(const char* text, ssize_t number) {
 template <typename Frame>
 bool writeFrame(int fd, const Frame& frame) {
     if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
-    return writeError();
+    return writeError(fd);
 }
 
 }  // namespace
@@ -168,10 +200,11 @@ bool DriverForSocketCan::scanDevices(std::vector<std::shared_ptr<IInterface>>& d
     for (nl_object* entry = ::nl_cache_get_first(links); entry != nullptr;
          entry = ::nl_cache_get_next(entry)) {
         auto* const link = reinterpret_cast<rtnl_link*>(entry);
-        if (::rtnl_link_get_arptype(link) != ARPHRD_CAN) continue;
+        const char* const name = ::rtnl_link_get_name(link);
+        if (::rtnl_link_get_arptype(link) != ARPHRD_CAN || name == nullptr) continue;
         IInterface::DeviceDesc desc;
         desc.ifindex = ::rtnl_link_get_ifindex(link);
-        desc.name = ::rtnl_link_get_name(link);
+        desc.name = name;
         devices.push_back(std::make_shared<IInterface>(shared_from_this(), desc));
     }
     return true;
@@ -222,6 +255,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
     if (!configure(*this, link + (canFd ? " txqueuelen 10000" : " txqueuelen 2000"))) return false;
 
     desc.fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
+    desc.fd = keepStandardStreamsFree(desc.fd);
     if (desc.fd < 0) {
         CORVEL_LOG(failure) << "error while opening socket";
         return false;
@@ -235,6 +269,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
 }
 
 void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
+    if (desc.fd != -1) reportLinkDown(desc.fd);  // a read may wait on a link that is down already
     closeSocket(&desc.fd);
     if (!isAcceptable(desc.name)) return;
     const std::string down = "sudo ip link set " + desc.name + " down";

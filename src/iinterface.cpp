@@ -33,11 +33,11 @@ struct IInterface::Opening {
     }
 
     // Moves the file to a new descriptor, for the driver to close, and keeps the old number taken
-    // by a file on which every select, read and write fails as on a closed descriptor. Without
+    // by a file on which no select waits and every read and write fails: a folder. Without
     // descriptors to spare `fd` stays as it is.
     void retire(int& fd) {
-        const int dead = ::open("/", O_PATH | O_CLOEXEC);
-        const int moved = dead < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        const int dead = ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int moved = dead < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         if (moved >= 0) {
             ::dup3(dead, fd, O_CLOEXEC);
             number = fd;
@@ -57,7 +57,7 @@ bool IInterface::open(unsigned int bitrate, bool canFd, unsigned int dbitrate) {
         return false;
     }
     m_canFd = canFd;
-    m_opening = std::make_shared<Opening>(m_desc, canFd);  // now, since nothing may fail later
+    m_opening = std::make_shared<Opening>(m_desc, m_canFd);  // now, since nothing may fail later
     m_isOpen = m_driver->open(m_desc, bitrate, canFd, dbitrate);
     m_opening->desc = m_desc;  // its name is there already, so this takes no memory
     return m_isOpen;

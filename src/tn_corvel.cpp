@@ -4,6 +4,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "driverforsocketcan.h"
@@ -20,8 +22,30 @@ static_assert(offsetof(_corvel_CanMsg, remote) == 20 && offsetof(_corvel_CanMsg,
 
 namespace {
 
-std::mutex m_mutex;  // guards m_devMap; never held while a driver or a handle is called
-std::map<unsigned int, std::shared_ptr<IInterface>> m_devMap;
+std::mutex m_mutex;  // guards what lasts; never held while a driver or a handle is called
+
+// Keeps a value where nothing destroys it. It is emptied when the library is unloaded or the
+// process ends, but stays usable: other threads and exit handlers may still call then.
+template <typename T>
+T& lasting(T value) {
+    alignas(T) static unsigned char storage[sizeof(T)];
+    static T& kept = *new (storage) T(std::move(value));
+    static const struct Emptier {
+        ~Emptier() {
+            T last;
+            std::lock_guard<std::mutex> lock(m_mutex);
+            last.swap(kept);
+        }
+    } emptier;
+    return kept;
+}
+
+auto& m_devMap = lasting(std::map<unsigned int, std::shared_ptr<IInterface>>());
+
+std::shared_ptr<IDriver> copy(const std::shared_ptr<IDriver>& driver) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return driver;
+}
 
 CORVEL_COLD void logRefusal(const char* text) {
     CORVEL_LOG(refusal) << text;
@@ -71,13 +95,16 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
         }
     }
 
-    static const std::shared_ptr<IDriver> driver = std::make_shared<corvel::DriverForSocketCan>();
+    static std::shared_ptr<IDriver>& driver =
+        lasting<std::shared_ptr<IDriver>>(std::make_shared<corvel::DriverForSocketCan>());
+    const std::shared_ptr<IDriver> used = copy(driver);
+    if (!used) return CORVEL_NO_DEVICE;  // the process is ending
     std::vector<std::shared_ptr<IInterface>> devices;
-    if (!driver->scanDevices(devices)) {
+    if (!used->scanDevices(devices)) {
         CORVEL_LOG(failure) << "Scan failed.";
         return CORVEL_NO_DEVICE;
     }
-    const std::shared_ptr<IInterface> device = driver->getDeviceByIndex(index, devices);
+    const std::shared_ptr<IInterface> device = used->getDeviceByIndex(index, devices);
     if (!device) {
         CORVEL_LOG(failure) << "Open Corvel failed: device does not exist. devIndex:" << devIndex;
         return CORVEL_NO_DEVICE;
