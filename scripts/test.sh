@@ -51,8 +51,9 @@ build_and_test() {
 
 # The unit tests have an operator new of their own, which valgrind is not to replace.
 memcheck() {
+    export CORVEL_SHORT=1 SIMCAN='can0:a can1:a can2:b can3:b'
     for test in unit_tests bus_test 'stress_test --gtest_filter=-Stress.*'; do
-        CORVEL_SHORT=1 SIMCAN='can0:a can1:a can2:b can3:b' build/dev/simcan/simcan --own valgrind -q --leak-check=full --error-exitcode=9 \
+        build/dev/simcan/simcan --own valgrind -q --leak-check=full --error-exitcode=9 \
             --soname-synonyms=somalloc=nouserintercepts build/dev/$test \
             2> >(grep -v ' corvel: ' >&2) || return 1
     done

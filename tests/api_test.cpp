@@ -1,105 +1,265 @@
-#include <csignal>
+// Everything that the exported functions do, in order and to the byte.
 
-#include "support.h"
+#include <fcntl.h>
+#include <unistd.h>
 
-class ApiTest : public CorvelTest {
-protected:
-    void TearDown() override {
-        corvel_freeDLL(0), corvel_freeDLL(1);
-        CorvelTest::TearDown();
-    }
-    _corvel_CanMsg m_msg{};
+#include <cstring>
+
+#include "recorder.h"
+
+class ApiTest : public RecorderTest {};
+
+static const auto init = [] { return corvel_initDLL(0, 500, false, 2000); };
+static const auto initCanFd = [] { return corvel_initDLL(0, 500, true, 2000); };
+static const auto initOther = [] { return corvel_initDLL(1, 500, true, 2000); };
+static const auto release = [] { return corvel_freeDLL(0); };
+static const auto send = [] {
+    const _corvel_CanMsg msg{0x123, {1, 2, 3}, 3, {}, 0, 0};
+    return corvel_writeMessage(0, &msg);
 };
+template <int32_t index, uint32_t timeout>
+static int receive() {
+    _corvel_CanMsg msg;
+    return corvel_readMessage(index, &msg, timeout);
+}
+static const auto poll = receive<0, 0>;
 
-static const Log opened{
-    {2, "sudo ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0"},
-    {2, "Successfully opened Corvel."}};
-static const Log released{{2, "sudo ip link set can0 down"}, {2, "Free Device."}};
+static const std::string scanned = R"(
+2/0 nl_socket_alloc
+2/0 nl_connect 0
+2/0 rtnl_link_alloc_cache 0
+2/0 nl_close
+)";
+static const std::string up =
+    "sudo ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0\n";
+static const std::string upCanFd =
+    "sudo ip link set can0 up type can bitrate 500000 sample-point 0.75 dbitrate 2000000 "
+    "sample-point 0.75 restart-ms 0 fd on\n";
+static const std::string bound = R"(3/1 socket 29 3 1
+3/1 ioctl 50 35123 can0
+3/1 bind 50 1D0000004D0000000000000000000000
+)";
+static const std::string registered = "3/0 log 2 Successfully opened Corvel.\n4/0 = 0\n";
+static const std::string released = R"(
+2/1 getsockname
+2/1 setsockopt 50 101 1 
+2/1 bind 50 1D000000000000000000000000000000
+2/1 bind 50 1D0000004D0000000000000000000000
+2/1 setsockopt 50 101 1 0000000000000000
+2/1 close 50
+2/1 log 2 sudo ip link set can0 down
+2/1 system sudo ip link set can0 down
+2/0 log 2 Free Device.
+2/0 = 0
+)";
 
-TEST_F(ApiTest, UnknownIndexes) {
-    EXPECT_EQ(corvel_writeMessage(0, nullptr), 1);
-    EXPECT_EQ(corvel_readMessage(0, nullptr, 60000), 1);
-    EXPECT_EQ(corvel_freeDLL(0), 1);
-    EXPECT_EQ(takeLog(), (Log{{3, "Write failed,No such device"},
-                              {3, "Read failed,No such device"},
-                              {3, "Free failed,No such device"}}));
-    EXPECT_EQ(corvel_initDLL(7, 500, false, 2000), 1);
-    EXPECT_EQ(corvel_initDLL(-1, 500, false, 2000), 1);
-    simcan_failNext(SIMCAN_CACHE, 5);
-    EXPECT_EQ(corvel_initDLL(0, 500, false, 2000), 1);
-    EXPECT_EQ(takeLog(), (Log{{4, "Open Corvel failed: device does not exist. devIndex:7"},
-                              {4, "Open Corvel failed: device does not exist. devIndex:-1"},
-                              {4, "could not access netlink device list, error code:-5"},
-                              {4, "Scan failed."}}));
-    EXPECT_TRUE(takeCommands().empty());
+TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
+    EXPECT_EQ(during(init), scanned + "3/1 log 2 " + up + "3/1 system " + up +
+                                "3/1 system sudo ip link set can0 txqueuelen 2000\n" + bound +
+                                registered);
+    EXPECT_EQ(fcntl(50, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(50, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(during(init),
+              "\n1/1 log 4 Failed open Corvel.The device is already open.\n1/0 = 1\n");
+    EXPECT_EQ(during(send), "\n3/1 write 50 16 2301000003000000010203\n3/0 = 0\n");
+    m_system.frames = {bytes("", 16)};
+    EXPECT_EQ(during(receive<0, 1500>), "\n3/1 select 50 1 500000\n3/1 read 50 72\n3/0 = 0\n");
+    EXPECT_EQ(during(release), released);
+    EXPECT_EQ(during(release), "\n1/1 log 3 Free failed,No such device\n1/0 = 1\n");
+    EXPECT_EQ(init(), 0) << "a released index is free";
 }
 
-TEST_F(ApiTest, OneDeviceFromInitialisationToRelease) {
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_EQ(corvel_initDLL(0, 500, false, 2000), 0);
-        EXPECT_EQ(takeLog(), opened);
-        EXPECT_EQ(corvel_initDLL(0, 250, true, 2000), 1);
-        EXPECT_EQ(takeLog(), (Log{{4, "Failed open Corvel.The device is already open."}}));
-        EXPECT_EQ(takeCommands().size(), 2u);
-        EXPECT_EQ(corvel_writeMessage(0, &m_msg), 0);
-        EXPECT_EQ(corvel_readMessage(0, &m_msg, 0), 2);
-        EXPECT_EQ(takeLog(), Log{});
-        EXPECT_EQ(corvel_writeMessage(0, nullptr), 3);
-        EXPECT_EQ(corvel_readMessage(0, nullptr, 60000), 2);
-        EXPECT_EQ(takeLog(),
-                  (Log{{4, "Write failed,msg is null"}, {4, "Read failed,msg is null"}}));
-        EXPECT_EQ(corvel_freeDLL(0), 0);
-        EXPECT_EQ(takeLog(), released);
-        EXPECT_EQ(corvel_freeDLL(0), 1);
-        EXPECT_EQ(corvel_readMessage(0, &m_msg, 0), 1);
-        takeLog(), takeCommands();
+TEST_F(ApiTest, ACanFdDeviceFromInitialisationToRelease) {
+    EXPECT_EQ(during(initCanFd), scanned + "3/1 log 2 " + upCanFd + "3/1 system " + upCanFd +
+                                     "3/1 system sudo ip link set can0 txqueuelen 10000\n" + bound +
+                                     "3/1 setsockopt 50 101 5 01000000\n" + registered);
+    EXPECT_EQ(during(send), "\n3/1 write 50 72 2301000003010000010203\n3/0 = 0\n");
+    EXPECT_EQ(during(poll), "\n3/1 select 50 0 0\n3/0 = 2\n");
+    m_system.orders = {{"system", 0x100}};
+    EXPECT_EQ(during(release), released) << "what the command achieves is not examined";
+}
+
+TEST_F(ApiTest, UnknownIndexesAndNullRecordsAreRefused) {
+    EXPECT_EQ(during(send), "\n1/1 log 3 Write failed,No such device\n1/0 = 1\n");
+    EXPECT_EQ(during(poll), "\n1/1 log 3 Read failed,No such device\n1/0 = 1\n");
+    const auto initLast = [] { return corvel_initDLL(-1, 4294968, true, 4294967); };
+    EXPECT_EQ(outcome(initLast),
+              "\nlog 4 Open Corvel failed: device does not exist. devIndex:-1\n= 1\n");
+    m_system.links = {{280, "can4294967295"}};
+    const std::string rates = "bitrate 704 sample-point 0.75 dbitrate 4294967000 ";
+    EXPECT_NE(outcome(initLast).find(rates), std::string::npos) << "multiplied modulo 2^32";
+    EXPECT_EQ(outcome([] { return corvel_writeMessage(-1, nullptr); }),
+              "\nlog 4 Write failed,msg is null\n= 3\n");
+    EXPECT_EQ(outcome([] { return corvel_readMessage(-1, nullptr, 60000); }),
+              "\nlog 4 Read failed,msg is null\n= 2\n");
+    EXPECT_EQ(corvel_freeDLL(-1), 0);
+}
+
+// The lines of a row, which are separated by "; ".
+static std::string splitLines(std::string text) {
+    for (size_t i; (i = text.find("; ")) != std::string::npos;) text.replace(i, 2, "\n");
+    return '\n' + text + '\n';
+}
+
+// Which call gives which result and errno; the messages; what is closed.
+static const char* const failures = R"(
+system          1792   0 log 4 Command returned non-zero exit code: 7; log 4 error execute system cmd, error:7
+system         65280   0 log 4 Command returned non-zero exit code: 255; log 4 error execute system cmd, error:255
+system             9   0 log 4 Command terminated by signal: 9; log 4 error execute system cmd, error:-1
+system           134   0 log 4 Command terminated by signal: 6; log 4 error execute system cmd, error:-1
+system          4991   0 log 4 Command did not exit normally.\n; log 4 error execute system cmd, error:-1
+system            -1  10 log 4 system() failed, errno: 10 (No child processes); log 4 error execute system cmd, error:-1
+txqueuelen       256   0 log 4 Command returned non-zero exit code: 1; log 4 error execute system cmd, error:1
+txqueuelen         2   0 log 4 Command terminated by signal: 2; log 4 error execute system cmd, error:-1
+29                -1  97 log 4 error while opening socket
+ioctl             -1  19 log 4 error reading index of can0: No such device; close 50
+bind              -1  19 log 4 Error in socket bind; close 50
+setsockopt        -1  92 log 4 Error set CanFD; close 50
+setsockopt         1   0 log 4 Error set CanFD; close 50
+)";
+
+TEST_F(ApiTest, AFailedInitialisationSaysWhyAndLeavesNothing) {
+    System::Order order;
+    std::string messages;
+    for (std::istringstream rows(failures); rows >> order.text >> order.result >> order.error;) {
+        std::getline(rows >> std::ws, messages);
+        m_system.nextSocket = 50;
+        m_system.orders = {order};
+        EXPECT_EQ(outcome(initCanFd),
+                  splitLines("log 2 " + upCanFd + messages + "; log 4 Open Corvel failed.; = 5"));
+        EXPECT_EQ(send(), 1) << "registered after: " << messages;
+    }
+    const std::string unscanned = "\nlog 4 could not access netlink device list, error code:";
+    m_system.orders = {{"nl_socket_alloc", -1}, {"alloc_cache", -12}, {"nl_connect", -7}};
+    EXPECT_EQ(outcome(init), unscanned + "-5\nlog 4 Scan failed.\n= 1\n");
+    EXPECT_EQ(outcome(init), unscanned + "-12\nlog 4 Scan failed.\n= 1\n");
+    EXPECT_EQ(init(), 0) << "a socket that is not connected shows in what follows";
+}
+
+TEST_F(ApiTest, ASocketLeavesTheNumbersOfTheStandardStreamsAlone) {
+    const int streams[] = {dup(0), dup(1), dup(2)};
+    for (const int number : {0, 2}) {
+        m_system.nextSocket = number;
+        EXPECT_EQ(init(), 0);
+        EXPECT_EQ(fcntl(number, F_GETFD), -1);
+        EXPECT_EQ(outcome(send).find("\nwrite " + std::to_string(number)), std::string::npos);
+        EXPECT_EQ(release(), 0);
+    }
+    for (int i = 0; i < 3; ++i) dup2(streams[i], i), close(streams[i]);
+}
+
+// A record's identifier, payload, length, remote and extended; the 16 bytes that are written of it
+// in classic mode; what happens in CAN FD mode.
+static const char* const written = R"(
+123      0102030405060708 8 0 0   23010000080000000102030405060708 write 51 72 23010000080100000102030405060708; = 0
+7FF      010203           2 0 0   FF070000020000000102             write 51 72 FF070000020100000102; = 0
+1        01               0 0 0   01                               write 51 72 010000000001; = 0
+1ABCDE   01               1 0 1   DEBC1A800100000001               write 51 72 DEBC1A800101000001; = 0
+E0000123 01               1 0 128 230100E00100000001               write 51 72 230100E00101000001; = 0
+123      0102             2 1 0   23010040020000000102             log 4 CAN FD does not support remote frames; = 3
+123      00               9 2 2   230100C008                       log 4 CAN FD does not support remote frames; = 3
+123      0102030405060708 9 0 0   23010000080000000102030405060708 log 4 CAN FD frame refused, len above 8:9; = 3
+123      0102030405060708 255 0 0 23010000080000000102030405060708 log 4 CAN FD frame refused, len above 8:255; = 3
+)";
+
+TEST_F(ApiTest, FramesWritten) {
+    ASSERT_EQ(init() + initOther(), 0);
+    unsigned id, len, remote, extended;
+    std::string data, classic, canFd;
+    for (std::istringstream rows(written);
+         rows >> std::hex >> id >> data >> std::dec >> len >> remote >> extended >> classic;) {
+        std::getline(rows >> std::ws, canFd);
+        _corvel_CanMsg msg{id,
+                           {},
+                           static_cast<uint8_t>(len),
+                           {9, 9},
+                           static_cast<uint8_t>(remote),
+                           static_cast<uint8_t>(extended)};
+        memcpy(msg.data, bytes(data, 8).data(), 8);
+        EXPECT_EQ(outcome([&] { return corvel_writeMessage(0, &msg); }),
+                  "\nwrite 50 16 " + classic + "\n= 0\n");
+        EXPECT_EQ(outcome([&] { return corvel_writeMessage(1, &msg); }), splitLines(canFd));
     }
 }
 
-TEST_F(ApiTest, AFailedOpenLeavesTheIndexFree) {
-    {
-        const FailingSudo sudo("up exit 1");
-        EXPECT_EQ(corvel_initDLL(0, 500, false, 2000), 5);
-    }
-    EXPECT_EQ(takeLog(), (Log{opened[0],
-                              {4, "Command returned non-zero exit code: 1"},
-                              {4, "error execute system cmd, error:1"},
-                              {4, "Open Corvel failed."}}));
-    EXPECT_EQ(corvel_writeMessage(0, &m_msg), 1);
-    signal(SIGCHLD, SIG_IGN);
-    EXPECT_EQ(corvel_initDLL(0, 500, false, 2000), 5);
-    signal(SIGCHLD, SIG_DFL);
-    takeCommands();
-    EXPECT_EQ(corvel_initDLL(0, 4294968, true, 0), 0);
-    EXPECT_EQ(takeCommands()[0],
-              "sudo ip link set can0 up type can bitrate 704 sample-point 0.75 dbitrate 0 "
-              "sample-point 0.75 restart-ms 0 fd on")
-        << "rates are multiplied modulo 2^32 and not examined";
-}
+// A frame's size and first bytes; what becomes of a record of which all bytes were A5; the outcome.
+static const char* const received = R"(
+16 2301000003000000010203040506       23010000 010203A5A5A5A5A5 03 A5A5A5A5A5A5A5 0000 A5A5 = 0
+72 2301000003FF0000010203040506       23010000 010203A5A5A5A5A5 03 A5A5A5A5A5A5A5 0000 A5A5 = 0
+72 FF07008008000000010203040506070809 FF070080 0102030405060708 08 A5A5A5A5A5A5A5 0001 A5A5 = 0
+16 FF07004002                         FF070040 0000A5A5A5A5A5A5 02 A5A5A5A5A5A5A5 0100 A5A5 = 0
+16 DEBC1AC0                           DEBC1AC0 A5A5A5A5A5A5A5A5 00 A5A5A5A5A5A5A5 0101 A5A5 = 0
+16 80000020FF0000000102030405060708   80000020 0102030405060708 08 A5A5A5A5A5A5A5 0000 A5A5 = 0
+16 00000000090000000102030405060708   00000000 0102030405060708 08 A5A5A5A5A5A5A5 0000 A5A5 = 0
+72 2301000009                         A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5A5A5A5A5A5 A5A5 A5A5 log 4 CAN FD frame dropped, len above 8:9; = 2
+72 2301000040                         A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5A5A5A5A5A5 A5A5 A5A5 log 4 CAN FD frame dropped, len above 8:64; = 2
+0  -                                  A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5A5A5A5A5A5 A5A5 A5A5 log 4 invalid CAN frame size: 0; = 2
+15 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5A5A5A5A5A5 A5A5 A5A5 log 4 invalid CAN frame size: 15; = 2
+17 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5A5A5A5A5A5 A5A5 A5A5 log 4 invalid CAN frame size: 17; = 2
+71 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5A5A5A5A5A5 A5A5 A5A5 log 4 invalid CAN frame size: 71; = 2
+)";
 
-TEST_F(ApiTest, AFrameCostsItsSystemCallsAndNoAllocation) {
-    for (const bool canFd : {false, true}) {
-        ASSERT_EQ(corvel_initDLL(0, 500, canFd, 2000), 0);
-        ASSERT_EQ(corvel_initDLL(1, 500, canFd, 2000), 0);
-        const Counts before = counts();
-        for (int i = 0; i < 100; ++i) {
-            ASSERT_EQ(corvel_writeMessage(0, &m_msg), 0);
-            ASSERT_EQ(corvel_readMessage(1, &m_msg, 1000), 0);
+TEST_F(ApiTest, FramesReadInEitherMode) {
+    ASSERT_EQ(init() + initOther(), 0);
+    size_t size;
+    std::string frame, id, data, len, reserved, flags, padding, expected;
+    for (std::istringstream rows(received);
+         rows >> size >> frame >> id >> data >> len >> reserved >> flags >> padding;) {
+        std::getline(rows >> std::ws, expected);
+        for (const int32_t index : {0, 1}) {
+            m_system.frames = {size == 0 ? "" : bytes(frame, size)};
+            _corvel_CanMsg msg;
+            memset(&msg, 0xA5, sizeof msg);
+            EXPECT_EQ(outcome([&] { return corvel_readMessage(index, &msg, 9); }),
+                      splitLines(expected));
+            EXPECT_EQ(hexadecimal(&msg, sizeof msg), id + data + len + reserved + flags + padding);
         }
-        const Counts after = counts();
-        EXPECT_EQ(after.write - before.write, 100);
-        EXPECT_EQ(after.select - before.select, 100);
-        EXPECT_EQ(after.read - before.read, 100);
-        EXPECT_EQ(after.allocations - before.allocations, 0);
-        EXPECT_EQ(corvel_freeDLL(0), 0);
-        EXPECT_EQ(corvel_freeDLL(1), 0);
     }
 }
 
-// Lets each allocation of a call fail in turn, until one call needs fewer. `check` runs after
-// each.
-template <typename Call, typename Check>
-static void failEachAllocation(Call call, Check check) {
+TEST_F(ApiTest, FramesThatFail) {
+    ASSERT_EQ(init(), 0);
+    m_system.orders = {{"write", -1, 105}, {"write", 8, 28}, {"write", -1, 100}};
+    const std::string write = "\nwrite 50 16 2301000003000000010203\n";
+    EXPECT_EQ(outcome(send),
+              write + "log 4 write error:No buffer space available(errno=105)\n= 3\n");
+    EXPECT_EQ(outcome(send), write + "log 4 write error:No space left on device(errno=28)\n= 3\n");
+    EXPECT_EQ(during(send), R"(
+3/1 write 50 16 2301000003000000010203
+3/1 log 4 write error:Network is down(errno=100)
+3/1 getsockname
+3/1 setsockopt 50 101 1 
+3/1 bind 50 1D000000000000000000000000000000
+3/1 bind 50 1D0000004D0000000000000000000000
+3/1 setsockopt 50 101 1 0000000000000000
+3/0 = 3
+)") << "a read that lost the kernel's report to the write is told again";
+    m_system.orders = {{"write", -1, 100}, {"write", -1, 100}, {"getsockname", -1, 9}};
+    EXPECT_EQ(during(send).find("bind"), std::string::npos);
+    m_system.boundTo = 0;
+    EXPECT_EQ(during(send).find("bind"), std::string::npos) << "never to all interfaces";
+    m_system.orders = {{"select", -1, 4}, {"select", 1}, {"read", -1, 100}};
+    EXPECT_EQ(outcome(poll), "\nlog 4 select() error: Interrupted system call\n= 2\n");
+    EXPECT_EQ(outcome(poll), "\nlog 4 read() error: Network is down\n= 2\n");
+}
+
+TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
+    m_system.nextSocket = 1023;
+    ASSERT_EQ(init() + initOther(), 0);
+    m_system.frames = {bytes("", 16), bytes("", 16)};
+    EXPECT_EQ(during(receive<0, 4294967295>),
+              "\n3/1 select 1023 4294967 295000\n3/1 read 1023 72\n3/0 = 0\n");
+    const auto readAbove = receive<1, 4294967295>;
+    EXPECT_EQ(during(readAbove),
+              "\n3/1 ppoll 1 1024 1 4294967 295000000\n3/1 read 1024 72\n3/0 = 0\n");
+    EXPECT_EQ(outcome(readAbove), "\n= 2\n");
+    m_system.orders = {{"ppoll", -1, 4}};
+    EXPECT_EQ(outcome(readAbove), "\nlog 4 select() error: Interrupted system call\n= 2\n");
+}
+
+// Lets each allocation of a call fail in turn, until one call needs fewer; `check` runs after each.
+static void failEachAllocation(const std::function<void()>& call,
+                               const std::function<void()>& check) {
     int thrown = 0;
     for (long after = 0;; ++after) {
         failAllocation(after);
@@ -113,33 +273,31 @@ static void failEachAllocation(Call call, Check check) {
         if (!failed) break;
     }
     EXPECT_GT(thrown, 0);
-    takeLog();
 }
 
 TEST_F(ApiTest, OutOfMemoryLosesAndLeaksNothing) {
 #ifdef THREAD_SANITIZER
     GTEST_SKIP() << "allocations cannot be made to fail";
 #endif
-    const int closed = openDescriptors();
-    int status = -1;
-    failEachAllocation([&] { status = -1, status = corvel_initDLL(0, 500, true, 2000); },
-                       [&] {
-                           EXPECT_EQ(corvel_writeMessage(0, &m_msg), status == 0 ? 0 : 1);
-                           EXPECT_EQ(corvel_freeDLL(0), status == 0 ? 0 : 1);
-                           EXPECT_EQ(openDescriptors(), closed);
-                       });
-    EXPECT_EQ(corvel_initDLL(0, 500, true, 2000), 0);
+    const auto isOpen = [&] { return fcntl(m_system.nextSocket - 1, F_GETFD) >= 0; };
+    failEachAllocation(init, [&] {
+        EXPECT_EQ(send() == 0, isOpen()) << "a device is registered or closed";
+        release();
+    });
+    ASSERT_EQ(initCanFd(), 0);
+    failEachAllocation([] { corvel_writeMessage(0, nullptr); }, [] { EXPECT_EQ(send(), 0); });
+    failEachAllocation([] { corvel_readMessage(0, nullptr, 0); }, [] { EXPECT_EQ(poll(), 2); });
+    failEachAllocation(release, [&] {
+        EXPECT_FALSE(isOpen());
+        EXPECT_EQ(release(), 1);
+        EXPECT_EQ(init(), 0);
+    });
+}
 
-    _corvel_CanMsg remote{};
-    remote.remote = 1;
-    failEachAllocation([&] { corvel_writeMessage(0, &remote); },
-                       [&] { EXPECT_EQ(corvel_writeMessage(0, &m_msg), 0); });
-    failEachAllocation([&] { corvel_readMessage(0, nullptr, 0); },
-                       [&] { EXPECT_EQ(corvel_readMessage(0, &m_msg, 0), 2); });
-    failEachAllocation([&] { corvel_freeDLL(0); },
-                       [&] {
-                           EXPECT_EQ(openDescriptors(), closed);
-                           EXPECT_EQ(corvel_freeDLL(0), 1);
-                           EXPECT_EQ(corvel_initDLL(0, 500, true, 2000), 0);
-                       });
+TEST_F(ApiTest, AFrameCostsNoAllocation) {
+    ASSERT_EQ(init(), 0);
+    m_system.frames = {bytes("", 16)};
+    failAllocation(0);
+    EXPECT_EQ(send() + poll(), 0);
+    EXPECT_EQ(failAllocation(-1), 0) << "one that would have failed";
 }

@@ -31,7 +31,8 @@ chmod -R a+rx /opt/corvel
 
 # One user, in a group that has no rights yet.
 groupadd corvel && useradd -M -G corvel tester
-as_user() { setpriv --reuid tester --regid tester --init-groups "$@" </dev/null; }
+as_user() { setpriv --reuid tester --regid tester --init-groups env "$@" </dev/null; }
+export -f as_user
 
 uname -srv
 grep -E 'DRIVER|SLOT' /sys/class/net/can0/device/uevent
@@ -42,15 +43,26 @@ check 'without rights: status 5, no prompt' holds no-rights 'could not be initia
 install -m 440 "$root/packaging/sudoers.d/corvel" /etc/sudoers.d/corvel
 check 'the sudoers file is well-formed' visudo -cf /etc/sudoers.d/corvel
 check 'with the sudoers file: exchange as an ordinary user' as_user timeout 90 /opt/corvel/exchange
-check 'refused: another interface' refuses ip link set lo down
-check 'refused: more words' refuses ip link set can0 down up
-check 'refused: another namespace' refuses ip link set can0 down netns 1
-check 'refused: another command' refuses ip link delete can0
-check 'refused: a semicolon' refuses ip link set 'can0;reboot' down
+while IFS='|' read -r what words; do check "refused: $what" refuses $words; done <<'END'
+another interface|ip link set lo down
+more words|ip link set can0 down up
+another namespace|ip link set can0 down netns 1
+another command|ip link delete can0
+a semicolon|ip link set can0;reboot down
+another queue length|ip link set can0 txqueuelen 10001
+a rate that is none|ip link set can0 up type can bitrate 5e5 sample-point 0.875 restart-ms 0
+END
 check 'refused: a new line' refuses ip link set can0 $'down\nnetns'
-check 'refused: another queue length' refuses ip link set can0 txqueuelen 10001
-check 'refused: a rate that is none' refuses ip link set can0 up type can bitrate 5e5 \
-    sample-point 0.875 restart-ms 0
+
+# ip loads link_can.so from a folder that IP_LIB_DIR names; nothing may let a user name it.
+echo '__attribute__((constructor)) static void run(void) { __builtin_trap(); }' >link_can.c
+cc -shared -o link_can.so link_can.c && chmod a+rx . link_can.so
+echo 'Defaults setenv, !env_reset' >/etc/sudoers.d/zz
+up='ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0'
+check 'the trap works' bash -c '! IP_LIB_DIR=. $@ 2>/dev/null' trap $up
+check 'no code of the user in ip' as_user IP_LIB_DIR="$PWD" sudo -n $up
+check 'nor by a word' bash -c '! "$@"' word as_user sudo -n IP_LIB_DIR="$PWD" $up
+ip link set can0 down
 
 export PATH=/opt/corvel/fast:$PATH
 # listen LOG COMMAND...: starts a program in the background, once it listens.
@@ -122,7 +134,7 @@ bus() { timeout 90 env "$@" 2>/dev/null; }
 check 'every test of the bus' bus bus_test
 grep burst check.out
 check 'a waiting read, and the adapter is removed' \
-    bus CORVEL_TEST_CUT='echo 1 >/sys/class/net/can0/device/remove' bus_test --gtest_filter='*ACut*'
+    bus CORVEL_TEST_REMOVE='echo 1 >/sys/class/net/can0/device/remove' bus_test --gtest_filter='*ACut*'
 
 echo "--- as an ordinary user, on a pair of virtual interfaces"
 on_pair() { as_user timeout 90 /opt/corvel/simcan/simcan --kernel "$@" 2>/dev/null; }

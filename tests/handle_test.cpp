@@ -1,0 +1,102 @@
+// The class interface, where it shows what the exported functions do not.
+
+#include <unistd.h>
+
+#include "recorder.h"
+
+using corvel::IInterface;
+
+class HandleTest : public RecorderTest {
+protected:
+    std::shared_ptr<IInterface> handle(const std::string& name) const {
+        IInterface::DeviceDesc desc;
+        desc.name = name;
+        return std::make_shared<IInterface>(m_driver, desc);
+    }
+    const std::shared_ptr<corvel::DriverForSocketCan> m_driver =
+        std::make_shared<corvel::DriverForSocketCan>();
+    std::vector<std::shared_ptr<IInterface>> m_devices;
+    _corvel_CanMsg m_msg{};
+};
+
+TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
+    m_system.links = {{280, "can10"}, {1, "can7"},   {280, "can01"}, {280, ""},    {280, "CAN1"},
+                      {281, "can8"},  {279, "can9"}, {280, "can1"},  {280, "can0"}};
+    m_devices.push_back(handle("can0"));
+    ASSERT_TRUE(m_driver->scanDevices(m_devices));
+    std::string names;
+    for (const auto& device : m_devices) names += device->name() + ' ';
+    ASSERT_EQ(names, "can0 can10 can01 CAN1 can1 can0 ");
+    EXPECT_EQ(m_driver->getDeviceByIndex(0, m_devices), m_devices[0]);
+    EXPECT_EQ(m_driver->getDeviceByIndex(1, m_devices), m_devices[4]);
+    EXPECT_EQ(m_driver->getDeviceByIndex(10, m_devices), m_devices[1]);
+    EXPECT_EQ(m_driver->getDeviceByIndex(7, m_devices), nullptr);
+}
+
+TEST_F(HandleTest, AScanByADriverThatNobodySharesThrowsAndLeavesNothing) {
+    corvel::DriverForSocketCan unshared;
+    const auto scan = [&] {
+        EXPECT_THROW(unshared.scanDevices(m_devices), std::bad_weak_ptr);
+        return 0;
+    };
+    EXPECT_NE(during(scan).find("nl_close"), std::string::npos);
+    m_system.links = {{772, "lo"}};
+    EXPECT_TRUE(unshared.scanDevices(m_devices));
+    EXPECT_TRUE(m_devices.empty());
+}
+
+TEST_F(HandleTest, AHandleFollowsItsStates) {
+    auto device = handle("can0");
+    const auto open = [&] { return device->open(1, false, 2); };
+    const auto close = [&] { return device->close(), 0; };
+    const auto write = [&] { return device->writeMessage(m_msg); };
+    const auto read = [&] { return device->readMessage(m_msg, 60000); };
+    const std::string down = "\nlog 2 sudo ip link set can0 down\n= 0\n";
+    const std::string notOpen = "\n1/1 log 4 Failed to write, isOpen:0 fd:-1 handle:0\n1/0 = 0\n";
+    EXPECT_EQ(during(read), "\n1/0 = 0\n") << "at once, without a message";
+    EXPECT_EQ(during(write), notOpen);
+    EXPECT_EQ(outcome(close), down);
+    m_system.orders = {{"bind", -1}};
+    EXPECT_FALSE(open());
+    EXPECT_EQ(during(write), notOpen);
+    EXPECT_TRUE(device->open(1, true, 2));
+    EXPECT_EQ(during(open), "\n1/1 log 3 The device is already open!\n1/0 = 0\n");
+    EXPECT_EQ(outcome(write), "\nwrite 51 72 000000000001\n= 1\n") << "in the mode of before";
+    m_system.orders = {{"system", -1, 10}};
+    EXPECT_EQ(outcome(close), "\nclose 51" + down);
+    EXPECT_EQ(during(write), notOpen);
+    EXPECT_TRUE(open());
+    EXPECT_EQ(outcome(write), "\nwrite 52 16 \n= 1\n");
+    EXPECT_EQ(during([&] { return device.reset(), 0; }), "\n0/0 = 0\n") << "it closes nothing";
+    ::close(52);
+}
+
+TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
+    for (const std::string name : {"", "-can0", "can0;reboot", "can 0", "c/n", "c:n", "c@n", "c[n",
+                                   "c`n", "c{n", "c\xC3\xA4n0", "can4567890123456"}) {
+        const auto device = handle(name);
+        const std::string refused = "\n1/1 log 4 interface name refused:" + name + "\n1/0 = 0\n";
+        EXPECT_EQ(during([&] { return device->open(1, false, 1); }), refused);
+        EXPECT_EQ(during([&] { return device->close(), 0; }), refused);
+    }
+    for (const char* const name : {"can456789012345", "a-Z.9_z0A"}) {
+        const auto device = handle(name);
+        const std::string index = std::string("35123 ") + name + '\n';
+        EXPECT_NE(during([&] { return device->open(1, false, 1); }).find(index), std::string::npos);
+        device->close();
+    }
+}
+
+TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
+    IInterface::DeviceDesc desc;
+    for (const int fd : {-1, -2000, 900, 1023, 1024}) {
+        desc.fd = fd;
+        EXPECT_EQ(outcome([&] { return m_driver->readMessage(desc, m_msg, false, 60000); }),
+                  "\nlog 4 select() error: Bad file descriptor\n= 0\n");
+        EXPECT_EQ(outcome([&] { return m_driver->writeMessage(desc, m_msg, false); }),
+                  "\nlog 4 write error:Bad file descriptor(errno=9)\n= 0\n");
+    }
+    desc.fd = 0;
+    EXPECT_EQ(during([&] { return m_driver->readMessage(desc, m_msg, false, 0); }),
+              "\n0/0 select 0 0 0\n0/0 = 0\n");
+}
