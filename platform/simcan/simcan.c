@@ -35,6 +35,7 @@
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
 enum { LINK_LIMIT = 32, FIRST_INDEX = 100, LOOPBACK_INDEX = 1 };
+enum { UDP_HEADER = 8, SOURCE = SKF_NET_OFF + 12 };  // where a filter finds a datagram's parts
 
 struct link {
     char name[IFNAMSIZ];
@@ -57,9 +58,7 @@ static uint64_t hash(uint64_t seed, const char* text) {
 static struct sockaddr_in busAddress(const char* name) {
     const char* run = getenv("SIMCAN_RUN");
     const uint64_t number = hash(hash(getuid(), run != NULL ? run : ""), name);
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
+    struct sockaddr_in address = {.sin_family = AF_INET};
     address.sin_addr.s_addr = htonl(0xEF000000u | (number & 0xFFFFFF));
     address.sin_port = htons((uint16_t)(61000 + (number >> 24) % 4536));
     return address;
@@ -127,7 +126,6 @@ static uint32_t source(int fd) {
 }
 
 static int setMode(int fd, struct mode mode) {
-    enum { UDP_HEADER = 8, SOURCE = SKF_NET_OFF + 12 };
     const uint32_t link = mode.link < 0 ? 0 : (uint32_t)hash(0, links[mode.link].name);
     struct sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
@@ -152,7 +150,7 @@ static int setMode(int fd, struct mode mode) {
 static int findBus(int fd, struct sockaddr_in* bus) {
     const int saved = errno;
     socklen_t size = sizeof *bus;
-    memset(bus, 0, sizeof *bus);
+    *bus = (struct sockaddr_in){0};
     getsockname(fd, (struct sockaddr*)bus, &size);
     errno = saved;
     for (int i = 0; i < linkCount; i++) {
@@ -215,7 +213,7 @@ EXPORT int socket(int domain, int type, int protocol) {
         return -1;
     }
     const int fd = openLoopback(flags);
-    if (fd >= 0) setMode(fd, (struct mode){-1, 0});
+    if (fd >= 0) setMode(fd, (struct mode){.link = -1});
     return fd;
 }
 
