@@ -18,8 +18,8 @@ for option; do
     esac
 done
 
-install_packages $build_packages clang libclang-rt-14-dev clang-format libgtest-dev valgrind doxygen ||
-    exit 1
+install_packages $build_packages clang clang-format libgtest-dev valgrind doxygen &&
+    install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" || exit 1
 mkdir -p build
 log=build/test.log
 : >"$log"
@@ -51,6 +51,7 @@ build_and_test() {
 
 # The unit tests have an operator new of their own, which valgrind is not to replace.
 memcheck() {
+    ulimit -Sn 4096 # valgrind keeps the descriptors from here on, and the tests use some above 1023
     export CORVEL_SHORT=1 SIMCAN='can0:a can1:a can2:b can3:b'
     for test in unit_tests bus_test 'stress_test --gtest_filter=-Stress.*'; do
         build/dev/simcan/simcan --own valgrind -q --leak-check=full --error-exitcode=9 \

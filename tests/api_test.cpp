@@ -1,6 +1,7 @@
 // Everything that the exported functions do, in order and to the byte.
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -244,6 +245,10 @@ TEST_F(ApiTest, FramesThatFail) {
 }
 
 TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 1100;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     m_system.nextSocket = 1023;
     ASSERT_EQ(init() + initOther(), 0);
     m_system.frames = {bytes("", 16), bytes("", 16)};
@@ -279,18 +284,19 @@ TEST_F(ApiTest, OutOfMemoryLosesAndLeaksNothing) {
 #ifdef THREAD_SANITIZER
     GTEST_SKIP() << "allocations cannot be made to fail";
 #endif
-    const auto isOpen = [&] { return fcntl(m_system.nextSocket - 1, F_GETFD) >= 0; };
-    failEachAllocation(init, [&] {
+    const auto initAt50 = [&] { return m_system.nextSocket = 50, init(); };
+    const auto isOpen = [] { return fcntl(50, F_GETFD) >= 0; };
+    failEachAllocation(initAt50, [&] {
         EXPECT_EQ(send() == 0, isOpen()) << "a device is registered or closed";
         release();
     });
-    ASSERT_EQ(initCanFd(), 0);
+    ASSERT_EQ(initAt50(), 0);
     failEachAllocation([] { corvel_writeMessage(0, nullptr); }, [] { EXPECT_EQ(send(), 0); });
     failEachAllocation([] { corvel_readMessage(0, nullptr, 0); }, [] { EXPECT_EQ(poll(), 2); });
     failEachAllocation(release, [&] {
         EXPECT_FALSE(isOpen());
         EXPECT_EQ(release(), 1);
-        EXPECT_EQ(init(), 0);
+        EXPECT_EQ(initAt50(), 0);
     });
 }
 
