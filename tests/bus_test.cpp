@@ -118,10 +118,13 @@ TEST_F(BusTest, ManyFramesInOrder) {
     std::atomic<uint32_t> taken{0};
     auto sent = std::async(std::launch::async, [&] {
         uint32_t i = 0;
-        for (auto deadline = Clock::now();
-             i < total && Clock::now() < deadline + std::chrono::seconds(10);) {
-            if (i - taken > 100 || write(0, i) != CORVEL_SUCCESS) continue;
-            deadline = Clock::now(), ++i;
+        const auto deadline = Clock::now() + std::chrono::seconds(80);
+        while (i < total && Clock::now() < deadline) {
+            if (i <= taken + 100 && write(0, i) == CORVEL_SUCCESS) {
+                ++i;
+            } else {
+                std::this_thread::yield();
+            }
         }
         return i;
     });
