@@ -21,16 +21,21 @@
  * two spare file descriptors during the release. In a process that has none left, such a call goes
  * on with the closed descriptor.)
  *
- * When a link goes down by other hands (cable, administrator), one waiting read of the device
- * learns of it; a read after that waits its time-out.
+ * When a link goes down by other hands (an administrator, say), one waiting read of the device
+ * learns of it; a read after that waits its time-out, or fails at once while writes of other
+ * threads fail. When an adapter is removed, a write may learn of it in the place of a read that
+ * waits: that read then outlasts its time-out and a release, until a signal is handled on its
+ * thread.
  *
  * Devices still initialised when the library is unloaded or the process exits stay configured and
  * up: release each device first. Calls that come when the process is ending find no device.
  *
- * Failures are reported by status; the reason goes to the log. C++ callers: no function catches
- * std::bad_alloc. Where it leaves a function, no lock is held, no descriptor is left open, an
- * initialisation has registered nothing, a release has removed the device, and the next call works.
- * The link itself may be left up.
+ * Failures are reported by status; the reason goes to the log. A log library that blocks holds up
+ * the call, and one that calls back while status 1 is logged never returns. A program that another
+ * thread starts in the instant in which a socket is made may inherit it. C++ callers: no function
+ * catches std::bad_alloc. Where it leaves a function, no lock is held, no descriptor is left open,
+ * an initialisation has registered nothing, a release has removed the device, and the next call
+ * works. The link itself may be left up.
  */
 #ifndef TN_CORVEL_H
 #define TN_CORVEL_H
