@@ -84,9 +84,9 @@ bool bindSocket(int fd, const std::string& name) {
     return true;
 }
 
-// Makes the kernel report once more that the link of a bound socket is down, if it is: it does so
-// when a socket is bound, and passes over a binding to where the socket is already. Meanwhile the
-// socket is bound to every interface, so it receives nothing.
+// Makes the kernel report once more that the link of a bound socket is down, if it is. It does so
+// when a socket is bound, but passes over a binding to where the socket is already; so the socket
+// is bound to every interface first, with a filter meanwhile that lets no frame of theirs through.
 void reportLinkDown(int fd) {
     sockaddr_can address{};
     socklen_t size = sizeof address;

@@ -28,8 +28,9 @@ public:
     bool open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
               unsigned int dbitrate) override;
 
-    /// Closes the socket and takes the link down; whether that succeeds is not examined. Runs no
-    /// command for a name that open() refuses.
+    /// Closes the socket and takes the link down; whether that succeeds is not examined. A read or
+    /// write that still waits on the socket comes back once the link is down, or at once when it
+    /// was down before. Runs no command for a name that open() refuses.
     void close(IInterface::DeviceDesc& desc) override;
 
     /// Accepts classic and CAN FD frames in either mode. A CAN FD frame of more than 8 bytes does
@@ -39,7 +40,8 @@ public:
 
     /// One write: fails when the transmit queue is full, waits when the socket's send buffer is. In
     /// CAN FD mode every frame is sent as a CAN FD frame with bit-rate switch; remote frames and
-    /// more than 8 bytes are refused.
+    /// more than 8 bytes are refused. When it fails because the link is down, a read that waits on
+    /// the same socket is told too.
     bool writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg& msg,
                       bool canFd) override;
 

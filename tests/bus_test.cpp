@@ -1,7 +1,6 @@
 // What an application sees of can0 and can1 on one bus, be it simulated, the kernel's virtual one
 // or a real one. CORVEL_TEST_REMOVE is a command that removes can0.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <linux/can.h>
 #include <net/if.h>
@@ -12,8 +11,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <future>
 #include <thread>
 
@@ -67,7 +66,7 @@ protected:
         if (status == CORVEL_SUCCESS && number != nullptr) memcpy(number, msg.data, 4);
         return status;
     }
-    // A read that waits, or a call that begins one; it is to come back without a frame.
+    // Begins a read that waits, in the background; expectEnd() sees it come back without a frame.
     static auto startRead(int32_t index) {
         auto result = std::async(std::launch::async, [index] { return read(index, 20000); });
         std::this_thread::sleep_for(milliseconds(150));
