@@ -23,7 +23,9 @@
  *
  * When a link goes down by other hands (an administrator, say), one waiting read of the device
  * learns of it; a read after that waits its time-out, or fails at once while writes of other
- * threads fail. When an adapter is removed, a write may learn of it in the place of a read that
+ * threads fail. When a link that went down is up again at once, a read that a write of another
+ * thread met may outlast its time-out, until a frame comes, the link goes down again or the device
+ * is released. When an adapter is removed, a write may learn of it in the place of a read that
  * waits: that read then outlasts its time-out and a release, until a signal is handled on its
  * thread.
  *

@@ -161,8 +161,8 @@ CORVEL_COLD bool frameError(const char* text) {
 // woken for it would wait for a frame that does not come.
 CORVEL_COLD bool writeError(int fd) {
     const int error = errno;
+    if (error == ENETDOWN) reportLinkDown(fd);  // first, before the link can be up again
     CORVEL_LOG(failure) << "write error:" << std::strerror(error) << "(errno=" << error << ")";
-    if (error == ENETDOWN) reportLinkDown(fd);
     return false;
 }
 

@@ -227,12 +227,12 @@ TEST_F(ApiTest, FramesThatFail) {
     EXPECT_EQ(outcome(send), write + "log 4 write error:No space left on device(errno=28)\n= 3\n");
     EXPECT_EQ(during(send), R"(
 3/1 write 50 16 2301000003000000010203
-3/1 log 4 write error:Network is down(errno=100)
 3/1 getsockname
 3/1 setsockopt 50 101 1 
 3/1 bind 50 1D000000000000000000000000000000
 3/1 bind 50 1D0000004D0000000000000000000000
 3/1 setsockopt 50 101 1 0000000000000000
+3/1 log 4 write error:Network is down(errno=100)
 3/0 = 3
 )") << "a read that lost the kernel's report to the write is told again";
     m_system.orders = {{"write", -1, 100}, {"write", -1, 100}, {"getsockname", -1, 9}};
