@@ -6,6 +6,9 @@ case $PWD in *[:\;]*)
     exit 2 ;;
 esac
 
+# What is made once and used by all checkouts.
+cache=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel
+
 build_packages='g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev'
 
 run_as_root() {
@@ -32,3 +35,18 @@ install_packages() {
         run_as_root env DEBIAN_FRONTEND=noninteractive \
             apt-get -qq -y --no-install-recommends install $missing </dev/null >/dev/null
 }
+
+# The address that this machine gets Debian's packages from.
+debian_mirror() {
+    for attempt in 1 2; do
+        address=$(apt-get indextargets --format '$(REPO_URI)' \
+            'Created-By: Packages' 'Origin: Debian' 'Label: Debian' | head -n 1)
+        [ -z "$address" ] || { echo "$address" && return; }
+        run_as_root apt-get -qq update >&2
+    done
+    echo "apt knows no source of Debian's packages" >&2
+    return 1
+}
+
+# A mirror may stand still for longer than sid's lists are valid; this is for throw-away roots alone.
+mirror_may_be_old='Acquire::Check-Valid-Until "false"'

@@ -1,10 +1,19 @@
 #!/bin/bash
 # Boots the virtual machine, runs a command of the host in it as root, and passes on its output and
-# exit status: boot.sh SECONDS COMMAND [ARGUMENT...]. Whatever hangs is ended after SECONDS. With
-# VM_COUNTED=1 the guest's clock counts instructions.
+# exit status: boot.sh [--kernel KERNEL] SECONDS COMMAND [ARGUMENT...]. KERNEL is 5.10, 6.1, 6.12,
+# newest or a Debian release, and this machine's own release unless given. Whatever hangs is ended
+# after SECONDS; a boot that never came to the command is tried once more. With VM_COUNTED=1 the
+# guest's clock counts instructions.
+#
+# can0 to can3 are CAN FD controllers, can0 and can1 joined to one bus, can2 and can3 to another; can4
+# and can5 are SJA1000, joined too. Where the kernel has no driver for the former, the latter are can0
+# and can1.
 set -eu -o pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-vm=$("$here/prepare.sh")
+kernel=
+[ $# -gt 1 ] || { sed -n '2,11s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[ "$1" != --kernel ] || { kernel=$2 && shift 2; }
+vm=$("$here/prepare.sh" $kernel)
 seconds=$1
 shift
 
@@ -22,14 +31,18 @@ if [ "${VM_COUNTED-}" = 1 ]; then
 else
     machine='-accel tcg -smp 2' clock=
 fi
-# Two cards of two controllers. The controllers of one card share its interrupt line, which QEMU
-# clears for one although the other still asks for service; so each bus joins different cards.
+# The controllers of one card share its interrupt line, which QEMU clears for one although the other
+# still asks for service; so each bus joins different cards.
 card=ctucan_pci,canbus0=bus0,canbus1=bus1
-timeout "$seconds" qemu-system-x86_64 -M q35 $machine -m 1024 -nographic -no-reboot -nic none \
-    -kernel "$vm/vmlinuz" -initrd "$work/initrd" \
-    -append "console=ttyS0 quiet panic=-1 rdinit=/init $clock" \
-    -virtfs local,path=/,mount_tag=host,security_model=none,readonly=on,multidevs=remap \
-    -object can-bus,id=bus0 -object can-bus,id=bus1 -device "$card" -device "$card" \
-    </dev/null 2>&1 | sed -u 's/\r//; s/\x1bc//g; s/\x1b\[[0-9;?]*[a-zA-Z]//g' | tee "$console" ||
-    echo "the virtual machine failed, or was ended after $seconds s"
+for _ in first again; do
+    timeout --foreground "$seconds" qemu-system-x86_64 -M q35 $machine -m 1024 -nographic \
+        -no-reboot -nic none -kernel "$vm/vmlinuz" -initrd "$work/initrd" \
+        -append "console=ttyS0 quiet panic=-1 rdinit=/init $clock" \
+        -virtfs local,path=/,mount_tag=host,security_model=none,readonly=on,multidevs=remap \
+        -object can-bus,id=bus0 -object can-bus,id=bus1 -device "$card" -device "$card" \
+        -object can-bus,id=bus2 -device kvaser_pci,canbus=bus2 -device kvaser_pci,canbus=bus2 \
+        </dev/null 2>&1 | sed -u 's/\r//; s/\x1bc//g; s/\x1b\[[0-9;?]*[a-zA-Z]//g' | tee "$console" ||
+        echo "the virtual machine failed, or was ended after $seconds s"
+    ! grep -q 'machine is up' "$console" || break
+done
 grep -q '^exit status: 0$' "$console"
