@@ -1,0 +1,68 @@
+#!/bin/bash
+# Tries both README commands on Debian's releases, as a new user would: each in a bare root with git
+# and a clean clone of the last commit. Ends with a table; the exit status is 0 when all passed.
+#
+# releases.sh [RELEASE...]  bookworm, trixie and sid unless given
+#
+# Needs root. The bare roots are kept as build/releases/RELEASE.tar for a next run, what was tried
+# in them last as build/releases/RELEASE. Namespaces hold all mounts and processes, so that none is
+# left behind.
+set -u
+. "$(dirname "$0")/common.sh"
+[ "$(id -u)" -eq 0 ] || { echo "releases.sh needs root" >&2; exit 2; }
+[ "${RELEASES_INSIDE-}" = 1 ] || RELEASES_INSIDE=1 exec \
+    unshare --mount --pid --fork --kill-child scripts/releases.sh "$@"
+[ $# -gt 0 ] || set -- bookworm trixie sid
+
+install_packages mmdebstrap git && mirror=$(debian_mirror) || exit 1
+mkdir -p build/releases
+failed=0
+table=
+
+# Unpacks the bare root of a release, which is made first when there is none, or a damaged one.
+make_root() {
+    root=$PWD/build/releases/$1
+    for _ in kept new; do
+        rm -rf "$root" && mkdir "$root"
+        ! tar -xf "$root.tar" -C "$root" --exclude='./dev/*' 2>/dev/null || return 0
+        mmdebstrap --quiet --variant=minbase --include=git --aptopt="$mirror_may_be_old" "$1" \
+            "$root.part" "deb $mirror $1 main" --format=tar && mv "$root.part" "$root.tar" || return 1
+    done
+    return 1
+}
+
+# Runs a command in the clone, with no variables but those of a new user.
+in_root() {
+    env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
+        chroot "$root" sh -c 'cd /root/tn_corvel && exec "$@"' sh "$@" </dev/null
+}
+
+for release; do
+    echo "=== Debian $release"
+    if ! make_root "$release"; then
+        echo "Debian's $release cannot be had here"
+        table+="$release: LEFT OUT, cannot be had here"$'\n'
+        failed=$((failed + 1))
+        continue
+    fi
+    for folder in dev sys; do mount --rbind "/$folder" "$root/$folder"; done
+    mount -t proc proc "$root/proc"
+    cp /etc/resolv.conf "$root/etc"
+    git clone -q . "$root/root/tn_corvel"
+    log=$PWD/build/releases/$release.log
+    verdict=passed
+    start=$SECONDS
+    in_root ./scripts/demo.sh 2>&1 | tee "$log"
+    grep -qx 'all as expected' "$log" || verdict=FAILED
+    demo=$SECONDS
+    in_root ./scripts/test.sh 2>&1 | tee -a "$log"
+    [ "${PIPESTATUS[0]}" -eq 0 ] || verdict=FAILED
+    [ $verdict = passed ] || failed=$((failed + 1))
+    table+="$release, $(. "$root/etc/os-release" && echo "$PRETTY_NAME"): $verdict"$'\n'
+    table+="  $(grep -m1 '^Linux ' "$log")"$'\n'
+    table+="  demo.sh $((demo - start)) s, test.sh $((SECONDS - demo)) s, of which"$'\n'
+    table+="$(grep -E '^[a-z0-9+]+ +(passed|FAILED|LEFT OUT) +[0-9]+ s$' "$log" | sed 's/^/    /')"$'\n'
+done
+
+printf '\n%s' "$table"
+[ "$failed" -eq 0 ]
