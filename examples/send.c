@@ -47,7 +47,7 @@ static unsigned number(const char* text, unsigned limit) {
 }
 
 static void pause_ms(unsigned ms) {
-    const struct timespec time = {ms / 1000, (long)(ms % 1000) * 1000000};
+    const struct timespec time = {(time_t)(ms / 1000), (long)(ms % 1000) * 1000000};
     nanosleep(&time, NULL);
 }
 

@@ -45,6 +45,7 @@ for release; do
         failed=$((failed + 1))
         continue
     fi
+    mount --bind "$root" "$root" # so that its / is a mount point
     for folder in dev sys; do mount --rbind "/$folder" "$root/$folder"; done
     mount -t proc proc "$root/proc"
     cp /etc/resolv.conf "$root/etc"

@@ -2,20 +2,20 @@
 # Installs what the tests need and runs all of them. Ends with a table of the stages and CTest's
 # summary; the exit status is 0 when nothing failed.
 #
-# test.sh [--no-vm | --kernel KERNEL] [--arm64]
+# test.sh [--no-vm | --kernel KERNEL] [--arm]
 # --no-vm   leaves out the tests on a real kernel, in a virtual machine
 # --kernel  takes another kernel for them than this release's own: 5.10, 6.1, 6.12 or newest
-# --arm64   adds the unit tests on an emulated 64-bit ARM processor
+# --arm     adds packages for 64-bit and 32-bit ARM, and the unit tests on emulated processors
 set -u
 . "$(dirname "$0")/common.sh"
 
 vm=1
-arm64=0
+arm=0
 kernel=()
 while [ $# -gt 0 ]; do
     case "$1${2+ }" in
         --no-vm*) vm=0 ;;
-        --arm64*) arm64=1 ;;
+        --arm*) arm=1 ;;
         '--kernel ') kernel=("$1" "$2") && shift ;;
         *) sed -n '2,8s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
     esac
@@ -78,7 +78,7 @@ stage memcheck memcheck
 stage fuzz fuzz
 stage docs cmake --build --preset dev --target docs
 stage package tests/package.sh
-[ "$arm64" -eq 0 ] || stage arm64 scripts/arm64.sh
+[ "$arm" -eq 0 ] || { stage arm64 scripts/arm.sh arm64; stage armhf scripts/arm.sh armhf; }
 [ "$vm" -eq 0 ] || stage vm platform/vm/boot.sh "${kernel[@]}" 300 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
 
 echo

@@ -124,7 +124,8 @@ bool enableCanFd(int fd) {
 
 // Waits for a descriptor that an fd_set cannot hold, with the results of select.
 int waitWithPoll(int fd, unsigned int timeout) {
-    const timespec limit{timeout / 1000, static_cast<long>(timeout % 1000) * 1000000};
+    const timespec limit{static_cast<time_t>(timeout / 1000),
+                         static_cast<long>(timeout % 1000) * 1000000};
     pollfd waiting{fd, POLLIN, 0};
     const int ready = ::ppoll(&waiting, 1, &limit, nullptr);
     if (ready > 0 && (waiting.revents & POLLNVAL) != 0) {
@@ -142,7 +143,8 @@ int waitReadable(int fd, unsigned int timeout) {
         return -1;
     }
     if (fd >= FD_SETSIZE) return waitWithPoll(fd, timeout);
-    timeval limit{timeout / 1000, static_cast<suseconds_t>(timeout % 1000) * 1000};
+    timeval limit{static_cast<time_t>(timeout / 1000),
+                  static_cast<suseconds_t>(timeout % 1000) * 1000};
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(fd, &readable);

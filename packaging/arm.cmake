@@ -1,0 +1,17 @@
+# Builds for ARM boards, with Debian's libraries for them unpacked in ARM_ROOT. scripts/arm.sh sets the
+# variables.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR $ENV{ARM_PROCESSOR})
+set(triplet $ENV{ARM_TRIPLET})
+set(root $ENV{ARM_ROOT})
+set(CMAKE_C_COMPILER ${triplet}-gcc)
+set(CMAKE_CXX_COMPILER ${triplet}-g++)
+set(CMAKE_FIND_ROOT_PATH ${root})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
+set(CMAKE_EXE_LINKER_FLAGS "-Wl,-rpath-link,${root}/usr/lib/${triplet}:${root}/lib/${triplet}")
+set(ENV{PKG_CONFIG_LIBDIR} ${root}/usr/lib/${triplet}/pkgconfig)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${root})
