@@ -4,7 +4,11 @@
 set -eu
 . "$(dirname "$0")/../scripts/common.sh"
 packages='libtn-corvel libtn-corvel-dev'
-! dpkg-query -W $packages 2>/dev/null || { echo "installed already; remove them to test"; exit 1; }
+leave_out() { echo "$*"; exit 77; }
+for package in $packages; do
+    ! dpkg-query -W "$package" 2>/dev/null || leave_out "is installed here, and the test would remove it"
+done
+run_as_root true || leave_out "no right to install packages"
 install_packages python3-minimal libpython3-stdlib lintian
 scripts/package.sh
 lintian --allow-root --fail-on error build/package/*.deb
