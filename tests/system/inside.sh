@@ -145,7 +145,6 @@ frames_against_can_utils() {
 
 can_fd_controllers() {
     facts_of 6 timeout 90 bus_test
-    check 'the burst as measured' holds facts '300 written, 278 read'
     removal_of_the_adapter
 }
 
@@ -168,7 +167,6 @@ virtual_interfaces() {
     on_pair() { as_user timeout 90 /opt/corvel/simcan/simcan --kernel "$@" 2>/dev/null; }
     check 'exchange' on_pair exchange
     facts_of 6 on_pair bus_test
-    check 'the burst as measured' holds facts '300 written, 278 read'
     on_pair bash -c 'ip link set can1 up; monitor 0 & candump -L can1 & sleep 2; cansend can1 123#1122
         send 0 7FF#R2; kill -INT %1 %2; wait' >log
     sed -n 's/^([0-9.]*) //p' log | sort >arrived
