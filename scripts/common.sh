@@ -49,4 +49,4 @@ debian_mirror() {
 }
 
 # A mirror may stand still for longer than sid's lists are valid; this is for throw-away roots alone.
-mirror_may_be_old='Acquire::Check-Valid-Until "false"'
+mirror_may_be_old='Acquire::Check-Valid-Until "false"; Acquire::Retries "3"'
