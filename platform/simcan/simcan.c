@@ -272,9 +272,10 @@ EXPORT ssize_t write(int fd, const void* data, size_t size) {
     memcpy(copy, data, size);
     struct iovec frame = {copy, size};
     union {
-        struct cmsghdr header;
         char space[CMSG_SPACE(sizeof(struct in_pktinfo))];
-    } from = {.header = {CMSG_LEN(sizeof(struct in_pktinfo)), IPPROTO_IP, IP_PKTINFO}};
+        struct cmsghdr header;
+    } from = {{0}};
+    from.header = (struct cmsghdr){CMSG_LEN(sizeof(struct in_pktinfo)), IPPROTO_IP, IP_PKTINFO};
     const struct in_pktinfo info = {LOOPBACK_INDEX, {htonl(source(fd))}, {0}};
     memcpy(CMSG_DATA(&from.header), &info, sizeof info);
     const struct msghdr message = {&bus, sizeof bus, &frame, 1, &from, sizeof from, 0};
