@@ -10,8 +10,13 @@
 set -u
 . "$(dirname "$0")/common.sh"
 [ "$(id -u)" -eq 0 ] || { echo "releases.sh needs root" >&2; exit 2; }
-[ "${RELEASES_INSIDE-}" = 1 ] || RELEASES_INSIDE=1 exec \
-    unshare --mount --pid --fork --kill-child scripts/releases.sh "$@"
+if [ "${RELEASES_INSIDE-}" != 1 ]; then
+    RELEASES_INSIDE=1 unshare --mount --pid --fork --kill-child scripts/releases.sh "$@" &
+    inside=$!
+    trap 'kill -KILL "$inside"; exit 130' INT TERM HUP
+    wait "$inside"
+    exit
+fi
 [ $# -gt 0 ] || set -- bookworm trixie sid
 
 install_packages mmdebstrap git && mirror=$(debian_mirror) || exit 1
