@@ -19,6 +19,7 @@ shift
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT
 console=$work/console
 cp "$here/init" "$here/run" "$work"
 printf 'exec %s\n' "$(printf '%q ' "$@")" >"$work/command"
