@@ -14,8 +14,8 @@ arm=0
 kernel=()
 while [ $# -gt 0 ]; do
     case "$1${2+ }" in
-        --no-vm*) vm=0 ;;
-        --arm*) arm=1 ;;
+        --no-vm | '--no-vm ') vm=0 ;;
+        --arm | '--arm ') arm=1 ;;
         '--kernel ') kernel=("$1" "$2") && shift ;;
         *) sed -n '2,8s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
     esac
