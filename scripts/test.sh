@@ -77,6 +77,7 @@ stage tsan build_and_test tsan
 stage memcheck memcheck
 stage fuzz fuzz
 stage docs cmake --build --preset dev --target docs
+stage install tests/install.sh
 stage package tests/package.sh
 [ "$arm" -eq 0 ] || { stage arm64 scripts/arm.sh arm64; stage armhf scripts/arm.sh armhf; }
 [ "$vm" -eq 0 ] || stage vm platform/vm/boot.sh "${kernel[@]}" 300 "$PWD/tests/system/inside.sh" "$PWD/build/dev"

@@ -1,4 +1,4 @@
-#include "driverforsocketcan.h"
+#include "corvel/driverforsocketcan.h"
 
 #include <fcntl.h>
 #include <linux/can.h>

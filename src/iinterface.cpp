@@ -1,11 +1,11 @@
-#include "iinterface.h"
+#include "corvel/iinterface.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
 
-#include "idriver.h"
+#include "corvel/idriver.h"
 #include "log.h"
 
 namespace corvel {

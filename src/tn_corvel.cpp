@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "driverforsocketcan.h"
+#include "corvel/driverforsocketcan.h"
 #include "log.h"
 
 using corvel::IDriver;

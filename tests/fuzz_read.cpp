@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "driverforsocketcan.h"
+#include "corvel/driverforsocketcan.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static int ends[2];

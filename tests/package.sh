@@ -26,14 +26,6 @@ cc exchange.c -o exchange $(pkg-config --cflags --libs tn_corvel)
 simcan ./exchange >out 2>/dev/null
 tail -n 1 out | grep -x 'all as expected'
 
-cat >CMakeLists.txt <<'END'
-cmake_minimum_required(VERSION 3.13)
-project(application CXX)
-find_package(tn_corvel 1.0 REQUIRED CONFIG)
-add_executable(ping ping.cpp)
-target_compile_features(ping PRIVATE cxx_std_17)
-target_link_libraries(ping tn_corvel::tn_corvel)
-END
 cmake -S . -B build >/dev/null
 cmake --build build >/dev/null
 simcan build/ping 2>/dev/null | grep '^identifier 123, 3 bytes'
@@ -46,7 +38,7 @@ simcan python3 monitor.py 1 >log 2>err &
 eventually grep -q 'Successfully opened' err
 for frame in 123#11.22.33 1ABCDEF0# 7FF#R2; do simcan ./send 0 $frame 2>/dev/null; done
 eventually grep -q R2 log
-kill -INT $!
+kill -TERM $!
 wait $!
 test "$(sed -E 's/^\([0-9]+\.[0-9]{6}\) //' log)" = $'can1 123#112233\ncan1 1ABCDEF0#\ncan1 7FF#R2'
 for words in '0 12345#11' '0 123#112233445566778899' '0 800#' 'x 123#' '0 7FF#R 1 0 9 9' '7 123#'; do

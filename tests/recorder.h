@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "allocations.h"
-#include "driverforsocketcan.h"
+#include "corvel/driverforsocketcan.h"
 
 // The system that the library meets during one test. Unless ordered otherwise, all succeeds.
 struct System {
