@@ -6,6 +6,8 @@
 #include <string.h>
 #include <tn_corvel.h>
 
+#include "end_signals.h"
+
 enum { NOMINAL_KBIT = 500, DATA_KBIT = 2000, TIMEOUT_MS = 1000 };
 
 static int surprises = 0;
@@ -32,6 +34,7 @@ static void format(char* text, size_t size, const _corvel_CanMsg* msg, int canFd
 
 // Sends one frame and expects it, and nothing else about it changed, on the other adapter.
 static void exchange(int from, int to, const _corvel_CanMsg* sent, int canFd) {
+    if (stopped) return;
     char left[64], right[64] = "(nothing)";
     _corvel_CanMsg got;
     memset(&got, 0, sizeof got);
@@ -49,6 +52,7 @@ static void exchange(int from, int to, const _corvel_CanMsg* sent, int canFd) {
 }
 
 static void initialise(int a, int b, int canFd) {
+    endOnSignals(SIG_BLOCK);
     const int devices[] = {a, b};
     for (int i = 0; i < 2; i++) {
         const int status = corvel_initDLL(devices[i], NOMINAL_KBIT, canFd, DATA_KBIT);
@@ -62,11 +66,14 @@ static void initialise(int a, int b, int canFd) {
         if (i == 1) corvel_freeDLL(a);
         exit(EXIT_FAILURE);
     }
+    endOnSignals(SIG_UNBLOCK);
 }
 
 static void release(int a, int b) {
+    endOnSignals(SIG_BLOCK);
     expect("release the first", corvel_freeDLL(a), CORVEL_SUCCESS);
     expect("release the second", corvel_freeDLL(b), CORVEL_SUCCESS);
+    if (stopped) exit(EXIT_FAILURE);
 }
 
 // Reads an adapter's number; -1 when it is none.

@@ -2,11 +2,12 @@
 //   monitor N [BITRATE [DBITRATE]]
 // N is the number of the interface, rates are in kbit/s (500); a data bit rate selects CAN FD.
 
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 #include <tn_corvel.h>
+
+#include "end_signals.h"
 
 static double now(clockid_t clock) {
     struct timespec time;
@@ -44,33 +45,30 @@ int main(int count, char** words) {
     const unsigned bitrate = count > 2 ? number(words[2], 4294967) : 500;
     const unsigned dbitrate = count > 3 ? number(words[3], 4294967) : 0;
 
-    // Signals are asked for between reads, so that none cuts a read or the release short.
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    sigprocmask(SIG_BLOCK, &ends, NULL);
-    signal(SIGPIPE, SIG_IGN);  // a closed output shows when it is flushed
-
+    endOnSignals(SIG_BLOCK);
     const int status = corvel_initDLL(device, bitrate, count > 3, dbitrate);
     if (status != CORVEL_SUCCESS) {
         fprintf(stderr, "monitor: can%d: %s (status %d)\n", device,
                 status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
                 status);
+        if (status == CORVEL_OPEN_FAILED) {
+            fprintf(stderr, "monitor: if its link was left up: sudo ip link set can%d down\n", device);
+        }
         return 1;
     }
+    endOnSignals(SIG_UNBLOCK);
     const double start = now(CLOCK_MONOTONIC);
-    const struct timespec noWait = {0, 0};
     unsigned long frames = 0;
-    while (sigtimedwait(&ends, NULL, &noWait) < 0) {
+    while (!stopped) {
         _corvel_CanMsg msg;
-        if (corvel_readMessage(device, &msg, 100) == CORVEL_SUCCESS) {
+        if (corvel_readMessage(device, &msg, 1000) == CORVEL_SUCCESS) {
             print(device, &msg);
             frames++;
         }
         if (fflush(stdout) != 0) break;
     }
     const double seconds = now(CLOCK_MONOTONIC) - start;
+    endOnSignals(SIG_BLOCK);
     corvel_freeDLL(device);
     fprintf(stderr, "%lu frames in %.1f s, %.1f frames/s\n", frames, seconds,
             (double)frames / seconds);

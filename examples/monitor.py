@@ -30,17 +30,22 @@ def main():
     device = int(words[0])
     corvel = ctypes.CDLL("libtn_corvel.so")
     stopped = []
-    for number in (signal.SIGINT, signal.SIGTERM):
+    ends = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+    for number in ends:
         signal.signal(number, lambda *_: stopped.append(True))
+    # Held back while the adapter is initialised or released: the commands would get a Ctrl-C too.
+    signal.pthread_sigmask(signal.SIG_BLOCK, ends)
     status = corvel.corvel_initDLL(device, 500, False, 0)
     if status != 0:
         sys.exit(f"monitor.py: can{device} could not be initialised (status {status})")
     msg = CanMsg()
     try:
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, ends)
         while not stopped:
             if corvel.corvel_readMessage(device, ctypes.byref(msg), 100) == 0:
                 print(f"({time.time():.6f}) can{device} {text(msg)}", flush=True)
     finally:
+        signal.pthread_sigmask(signal.SIG_BLOCK, ends)
         corvel.corvel_freeDLL(device)
 
 

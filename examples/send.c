@@ -12,6 +12,8 @@
 #include <tn_corvel.h>
 #include <unistd.h>
 
+#include "end_signals.h"
+
 // Reads a frame; false when it is not in the notation.
 static bool parse(const char* text, _corvel_CanMsg* msg) {
     const size_t digits = strspn(text, "0123456789ABCDEFabcdef");
@@ -51,10 +53,10 @@ static void pause_ms(unsigned ms) {
     nanosleep(&time, NULL);
 }
 
-// Writes a frame, giving a full transmit queue five seconds to drain.
+// Writes a frame, giving a full transmit queue five seconds to drain unless a signal comes.
 static int sendPatiently(int device, const _corvel_CanMsg* msg) {
     int status = corvel_writeMessage(device, msg);
-    for (int tries = 0; status == CORVEL_NOT_WRITTEN && tries < 5000; tries++) {
+    for (int tries = 0; status == CORVEL_NOT_WRITTEN && tries < 5000 && !stopped; tries++) {
         pause_ms(1);
         status = corvel_writeMessage(device, msg);
     }
@@ -81,17 +83,22 @@ int main(int count, char** words) {
         return 2;
     }
 
+    endOnSignals(SIG_BLOCK);
     int status = corvel_initDLL(device, bitrate, count > 6, dbitrate);
     if (status != CORVEL_SUCCESS) {
         fprintf(stderr, "send: can%d: %s (status %d)\n", device,
                 status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
                 status);
+        if (status == CORVEL_OPEN_FAILED) {
+            fprintf(stderr, "send: if its link was left up: sudo ip link set can%d down\n", device);
+        }
         return 1;
     }
+    endOnSignals(SIG_UNBLOCK);
     const bool showProgress = isatty(STDERR_FILENO);
     time_t shown = time(NULL);
     unsigned sent = 0;
-    while (sent < total && (status = sendPatiently(device, &msg)) == CORVEL_SUCCESS) {
+    while (sent < total && !stopped && (status = sendPatiently(device, &msg)) == CORVEL_SUCCESS) {
         sent++;
         if (showProgress && time(NULL) != shown) {
             shown = time(NULL);
@@ -100,6 +107,7 @@ int main(int count, char** words) {
         if (interval > 0 && sent < total) pause_ms(interval);
     }
     pause_ms(100);  // releasing takes the link down, and with it what is still in the queue
+    endOnSignals(SIG_BLOCK);
     corvel_freeDLL(device);
     fprintf(stderr, "%s%u of %u frames sent\n", showProgress ? "\r" : "", sent, total);
     return sent == total ? 0 : 1;
