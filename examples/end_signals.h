@@ -1,13 +1,14 @@
 // Lets a program end in order on Ctrl-C (SIGINT), SIGTERM and SIGHUP, so that it can release its
-// adapters: a link that is left up locks the next program out. To copy.
+// adapters: a link that is left up locks the next program out. To copy. Linux only.
 
 #pragma once
 
 #include <signal.h>
-#include <stddef.h>
+#include <string.h>
 #include <unistd.h>
 
 static volatile sig_atomic_t stopped = 0;  // one of the signals has come
+static sigset_t endSignals;                // those that the program does not ignore (as nohup asks)
 
 static inline void stop(int number) {
     (void)number;
@@ -15,30 +16,36 @@ static inline void stop(int number) {
     alarm(1);  // and once more, should this one come just before a call that waits
 }
 
-static inline sigset_t endSignals(void) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
-    sigaddset(&set, SIGALRM);
-    return set;
+static inline void handleSignals(void (*handler)(int)) {
+    for (int number = 1; number < 32; number++) {
+        struct sigaction action;
+        memset(&action, 0, sizeof action);  // no SA_RESTART
+        action.sa_handler = handler;
+        if (sigismember(&endSignals, number)) sigaction(number, &action, NULL);
+    }
 }
 
-// SIG_BLOCK holds the signals back; do so while an adapter is initialised or released, since the
-// commands that these run would get a Ctrl-C too. SIG_UNBLOCK lets them through: then they set
-// `stopped` and end a waiting read or a blocked write. Signals that are ignored (nohup) stay so.
-static inline void endOnSignals(int how) {
+// Keeps the signals waiting, and the commands that an initialisation or a release runs from ending
+// by them: a signal that is ignored and blocked waits here, but is ignored there. (A SIGINT that
+// comes while commands run may be lost, as running one discards it; the next is not.)
+static inline void holdSignals(void) {
     const int numbers[] = {SIGINT, SIGTERM, SIGHUP, SIGALRM};
-    const sigset_t set = endSignals();
-    signal(SIGPIPE, SIG_IGN);  // a reader of the output that goes away is no reason either
-    for (size_t i = 0; i < sizeof numbers / sizeof *numbers; i++) {
+    sigset_t blocked;
+    sigprocmask(SIG_BLOCK, NULL, &blocked);
+    if (sigismember(&blocked, SIGALRM)) return;
+    sigemptyset(&endSignals);
+    for (int i = 0; i < 4; i++) {
         struct sigaction action;
         sigaction(numbers[i], NULL, &action);
-        if (action.sa_handler == SIG_IGN) continue;
-        action.sa_handler = stop;
-        action.sa_flags = 0;  // no SA_RESTART
-        sigaction(numbers[i], &action, NULL);
+        if (action.sa_handler != SIG_IGN) sigaddset(&endSignals, numbers[i]);
     }
-    sigprocmask(how, &set, NULL);
+    sigprocmask(SIG_BLOCK, &endSignals, NULL);
+    handleSignals(SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);  // a reader of the output that goes away is no reason to end either
+}
+
+// Lets them through: they set `stopped`, and end a read that waits or a write that is blocked.
+static inline void letSignals(void) {
+    handleSignals(stop);
+    sigprocmask(SIG_UNBLOCK, &endSignals, NULL);
 }

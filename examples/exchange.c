@@ -52,7 +52,7 @@ static void exchange(int from, int to, const _corvel_CanMsg* sent, int canFd) {
 }
 
 static void initialise(int a, int b, int canFd) {
-    endOnSignals(SIG_BLOCK);
+    holdSignals();
     const int devices[] = {a, b};
     for (int i = 0; i < 2; i++) {
         const int status = corvel_initDLL(devices[i], NOMINAL_KBIT, canFd, DATA_KBIT);
@@ -66,11 +66,11 @@ static void initialise(int a, int b, int canFd) {
         if (i == 1) corvel_freeDLL(a);
         exit(EXIT_FAILURE);
     }
-    endOnSignals(SIG_UNBLOCK);
+    letSignals();
 }
 
 static void release(int a, int b) {
-    endOnSignals(SIG_BLOCK);
+    holdSignals();
     expect("release the first", corvel_freeDLL(a), CORVEL_SUCCESS);
     expect("release the second", corvel_freeDLL(b), CORVEL_SUCCESS);
     if (stopped) exit(EXIT_FAILURE);

@@ -44,15 +44,14 @@ int main(int count, char** words) try {
     }
     const int a = number(words[1]);
     const int b = number(words[2]);
-    endOnSignals(SIG_BLOCK);                 // in all threads; this one asks for them
+    holdSignals();                           // in all threads; this one asks for them
     std::future<unsigned long> there, back;  // outlive the adapters, whose release ends them
     {
         const Adapter first(a), second(b);
         there = std::async(std::launch::async, forward, a, b);
         back = std::async(std::launch::async, forward, b, a);
-        const sigset_t ends = endSignals();
         int number;
-        sigwait(&ends, &number);
+        sigwait(&endSignals, &number);
     }
     std::printf("%lu frames from can%d to can%d, ", there.get(), a, b);
     std::printf("%lu back\n", back.get());

@@ -45,18 +45,19 @@ int main(int count, char** words) {
     const unsigned bitrate = count > 2 ? number(words[2], 4294967) : 500;
     const unsigned dbitrate = count > 3 ? number(words[3], 4294967) : 0;
 
-    endOnSignals(SIG_BLOCK);
+    holdSignals();
     const int status = corvel_initDLL(device, bitrate, count > 3, dbitrate);
     if (status != CORVEL_SUCCESS) {
         fprintf(stderr, "monitor: can%d: %s (status %d)\n", device,
                 status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
                 status);
         if (status == CORVEL_OPEN_FAILED) {
-            fprintf(stderr, "monitor: if its link was left up: sudo ip link set can%d down\n", device);
+            fprintf(stderr, "monitor: if its link was left up: sudo ip link set can%d down\n",
+                    device);
         }
         return 1;
     }
-    endOnSignals(SIG_UNBLOCK);
+    letSignals();
     const double start = now(CLOCK_MONOTONIC);
     unsigned long frames = 0;
     while (!stopped) {
@@ -68,7 +69,7 @@ int main(int count, char** words) {
         if (fflush(stdout) != 0) break;
     }
     const double seconds = now(CLOCK_MONOTONIC) - start;
-    endOnSignals(SIG_BLOCK);
+    holdSignals();
     corvel_freeDLL(device);
     fprintf(stderr, "%lu frames in %.1f s, %.1f frames/s\n", frames, seconds,
             (double)frames / seconds);

@@ -31,21 +31,25 @@ def main():
     corvel = ctypes.CDLL("libtn_corvel.so")
     stopped = []
     ends = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
-    for number in ends:
-        signal.signal(number, lambda *_: stopped.append(True))
-    # Held back while the adapter is initialised or released: the commands would get a Ctrl-C too.
-    signal.pthread_sigmask(signal.SIG_BLOCK, ends)
+
+    def handle(handler, how):
+        for number in ends:
+            signal.signal(number, handler)
+        signal.pthread_sigmask(how, ends)
+
+    # While the adapter is initialised or released signals wait, and the commands ignore them.
+    handle(signal.SIG_IGN, signal.SIG_BLOCK)
     status = corvel.corvel_initDLL(device, 500, False, 0)
     if status != 0:
         sys.exit(f"monitor.py: can{device} could not be initialised (status {status})")
     msg = CanMsg()
     try:
-        signal.pthread_sigmask(signal.SIG_UNBLOCK, ends)
+        handle(lambda *_: stopped.append(True), signal.SIG_UNBLOCK)
         while not stopped:
             if corvel.corvel_readMessage(device, ctypes.byref(msg), 100) == 0:
                 print(f"({time.time():.6f}) can{device} {text(msg)}", flush=True)
     finally:
-        signal.pthread_sigmask(signal.SIG_BLOCK, ends)
+        handle(signal.SIG_IGN, signal.SIG_BLOCK)
         corvel.corvel_freeDLL(device)
 
 

@@ -8,7 +8,7 @@
 
 int main() try {
     using Clock = std::chrono::steady_clock;
-    endOnSignals(SIG_BLOCK);  // a Ctrl-C waits for the second that this takes
+    holdSignals();  // a Ctrl-C waits for the second that this takes
     Adapter from(0), to(1);
     const auto start = Clock::now();
     const bool written = from.write({0x123, {1, 2, 3}, 3, {}, 0, 0});

@@ -83,7 +83,7 @@ int main(int count, char** words) {
         return 2;
     }
 
-    endOnSignals(SIG_BLOCK);
+    holdSignals();
     int status = corvel_initDLL(device, bitrate, count > 6, dbitrate);
     if (status != CORVEL_SUCCESS) {
         fprintf(stderr, "send: can%d: %s (status %d)\n", device,
@@ -94,7 +94,7 @@ int main(int count, char** words) {
         }
         return 1;
     }
-    endOnSignals(SIG_UNBLOCK);
+    letSignals();
     const bool showProgress = isatty(STDERR_FILENO);
     time_t shown = time(NULL);
     unsigned sent = 0;
@@ -107,7 +107,7 @@ int main(int count, char** words) {
         if (interval > 0 && sent < total) pause_ms(interval);
     }
     pause_ms(100);  // releasing takes the link down, and with it what is still in the queue
-    endOnSignals(SIG_BLOCK);
+    holdSignals();
     corvel_freeDLL(device);
     fprintf(stderr, "%s%u of %u frames sent\n", showProgress ? "\r" : "", sent, total);
     return sent == total ? 0 : 1;

@@ -80,7 +80,7 @@ stage docs cmake --build --preset dev --target docs
 stage install tests/install.sh
 stage package tests/package.sh
 [ "$arm" -eq 0 ] || { stage arm64 scripts/arm.sh arm64; stage armhf scripts/arm.sh armhf; }
-[ "$vm" -eq 0 ] || stage vm platform/vm/boot.sh "${kernel[@]}" 300 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
+[ "$vm" -eq 0 ] || stage vm platform/vm/boot.sh "${kernel[@]}" 600 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
 
 echo
 printf '%s' "$table"

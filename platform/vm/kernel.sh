@@ -40,7 +40,7 @@ depmod "$version"
 # The modules in loading order, numbered.
 mkdir -p files/bin files/modules
 cp "$(command -v busybox)" files/bin
-for module in virtio_pci 9pnet_virtio 9p overlay can-raw can-dev vxcan ${driver-} kvaser_pci; do
+for module in virtio_pci 9pnet_virtio 9p overlay can-raw can-dev vxcan ${driver-} kvaser_pci vhci-hcd gs_usb; do
     modprobe -S "$version" --show-depends "$module" >>found
 done
 awk '$1 == "insmod" && !seen[$2]++ { print $2 }' found | nl -nrz -w3 | while read -r number file; do

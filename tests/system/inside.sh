@@ -23,7 +23,7 @@ refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is requi
 
 # The build where any user can read it; and a sudo for root that takes no second to think.
 mkdir -p /opt/corvel/fast
-cp "$build"/{exchange,monitor,send,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
+cp "$build"/{exchange,monitor,send,gateway,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
 cp -r "$build/simcan" /opt/corvel
 export LD_LIBRARY_PATH=/opt/corvel PATH=/opt/corvel:$PATH
 printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo
@@ -45,7 +45,7 @@ listen() {
     done
     echo "$2 does not listen"
 }
-stop_listening() { sleep 0.5; kill -INT "$listener"; wait "$listener"; }
+stop_listening() { sleep 0.5; kill -TERM "$listener"; wait "$listener"; }
 settings() {
     ip -d link show can0 | tee settings | sed 's/^/    /'
     for text; do check "can0 has $text" holds settings "$text"; done
@@ -62,7 +62,7 @@ facts_of() {
     check "$1 tests of the bus" holds facts "[  PASSED  ] $1 tests."
 }
 removal_of_the_adapter() {
-    CORVEL_TEST_REMOVE='echo 1 >/sys/class/net/can0/device/remove' timeout 90 bus_test \
+    CORVEL_TEST_REMOVE=$1 timeout 90 bus_test \
         --gtest_filter='*ACut*' >facts 2>/dev/null
     grep 'came back' facts | sed 's/^/    /'
     check 'a waiting read, and the adapter is removed' holds facts '[  PASSED  ] 1 test.'
@@ -145,22 +145,77 @@ frames_against_can_utils() {
 
 can_fd_controllers() {
     facts_of 6 timeout 90 bus_test
-    removal_of_the_adapter
+    removal_of_the_adapter 'echo 1 >/sys/class/net/can0/device/remove'
 }
 
-# Two SJA1000, whose place in can0 and can1 others may have.
+# take_over A B: these become can0 and can1.
+take_over() {
+    ip link set "$1" name new0
+    ip link set "$2" name new1
+    for old in can0 can1; do
+        [ ! -e /sys/class/net/$old ] || ip link set $old down name "$old-$1"
+    done
+    ip link set new0 name can0
+    ip link set new1 name can1
+}
+
+# Two SJA1000.
 classic_controllers() {
-    if [ -e /sys/class/net/can4 ]; then
-        ip link set can1 down name unused
-        ip link set can4 name can0
-        ip link set can5 name can1
-    fi
+    [ ! -e /sys/class/net/can4 ] || take_over can4 can5
     monitor 0 500 2000 >log 2>&1
     check 'CAN FD: status 5' holds log 'could not be configured (status 5)'
     check 'and why' holds log 'not supported'
     settings 'state DOWN'
     facts_of 5 env CORVEL_CLASSIC=1 timeout 90 bus_test --gtest_filter='-*ABurst*'
-    removal_of_the_adapter
+    removal_of_the_adapter 'echo 1 >/sys/class/net/can0/device/remove'
+}
+
+# Two emulated adapters on a USB of the kernel's own; `pull` pulls one out.
+usb_adapters() {
+    mkfifo pull && exec 9<>pull
+    python3 "$root/platform/vm/usb_adapters.py" A1 B2 <pull &
+    found() { ls /sys/bus/usb/drivers/gs_usb/*/net; }
+    for _ in $(seq 100); do [ "$(found 2>/dev/null | grep -c ^can)" -lt 2 ] || break; sleep 0.1; done
+    take_over $(found | grep ^can)
+    facts_of 6 timeout 90 bus_test
+
+    send 0 123#11 400 2>log &
+    sleep 2
+    settings 'state ERROR-PASSIVE'
+    kill %send && wait %send
+    check 'nobody acknowledges: the buffer takes 288 frames' holds log '288 of 400 frames sent'
+    ip link set can1 up type can bitrate 250000
+    send 0 123#11 400 2>log &
+    sleep 2
+    settings 'state BUS-OFF'
+    kill %send && wait %send
+    ip link set can1 down
+    check 'after bus-off, initialised again' exchange
+
+    removal_of_the_adapter 'echo A1 >&9'
+}
+
+ends() {
+    while IFS='|' read -r devices signals program; do
+        for signal in $signals; do
+            env --default-signal timeout 20 $program >log 2>&1 &
+            for _ in $(seq 100); do [ "$(grep -c Successfully log)" -lt "$devices" ] || break; sleep 0.1; done
+            kill "-$signal" $! && wait $!
+            check "released after SIG$signal: $program" test "$(cat /sys/class/net/can[01]/operstate)" = $'down\ndown'
+        done
+    done <<END
+1|INT TERM HUP|monitor 0
+1|INT TERM HUP|send 0 123# 9999 5
+2|INT TERM HUP|gateway 0 1
+2|INT TERM HUP|exchange
+1|HUP|python3 $root/examples/monitor.py 0
+END
+    listen log monitor 0
+    kill -KILL "$listener"
+    ! monitor 0 >log 2>&1
+    check 'a link left up: status 5' holds log 'could not be configured (status 5)'
+    check 'and why' holds log 'Device or resource busy'
+    ip link set can0 down
 }
 
 virtual_interfaces() {
@@ -168,7 +223,7 @@ virtual_interfaces() {
     check 'exchange' on_pair exchange
     facts_of 6 on_pair bus_test
     on_pair bash -c 'ip link set can1 up; monitor 0 & candump -L can1 & sleep 2; cansend can1 123#1122
-        send 0 7FF#R2; kill -INT %1 %2; wait' >log
+        send 0 7FF#R2; kill -TERM %1 %2; wait' >log
     sed -n 's/^([0-9.]*) //p' log | sort >arrived
     expect 'candump and cansend, monitor and send' 'can0 123#1122' 'can0 7FF#R2' 'can1 123#1122' 'can1 7FF#R2'
     sysctl -q user.max_user_namespaces=0
@@ -190,6 +245,7 @@ if [ -e /sys/class/net/can3 ]; then
     export PATH=/opt/corvel/fast:$PATH
     section link_settings
     section frames_against_can_utils
+    section ends
     section can_fd_controllers
 else
     echo "LEFT OUT: what needs CAN FD controllers, since this kernel has no driver for them"
@@ -197,6 +253,7 @@ else
 fi
 section virtual_interfaces
 section classic_controllers
+section usb_adapters
 
 echo "$failed failed"
 exit "$failed"

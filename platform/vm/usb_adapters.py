@@ -1,0 +1,169 @@
+#!/usr/bin/env python3
+"""Emulates USB-to-CAN adapters, one for each serial number given, which the kernel's driver gs_usb
+serves, joined by one bus: usb-adapters SERIAL... An adapter is pulled out by writing its serial number
+to standard input.
+
+Adapters without a partner on the bus are not acknowledged: their frames wait. At another bit rate than the
+rest, an adapter that sends goes bus-off.
+"""
+
+import os
+import select
+import socket
+import struct
+import sys
+
+FULL_SPEED = 2
+CLOCK = 80000000
+NO_ECHO = 0xFFFFFFFF
+ERROR = 0x20000000
+RECEIVE, SEND = 1, 2  # endpoints
+SUBMIT, UNLINK, SUBMITTED, UNLINKED = 1, 2, 3, 4
+ECONNRESET, EPIPE = -104, -32
+FEATURES = 1 << 8 | 1 << 10  # CAN FD
+TIMING = struct.pack("<8I", 1, 256, 1, 128, 128, 1, 1024, 1)
+
+
+def descriptor(kind, *fields, form):
+    body = struct.pack("<" + form, *fields)
+    return bytes([2 + len(body), kind]) + body
+
+
+def text(value):
+    return descriptor(3, value.encode("utf-16-le"), form=f"{2 * len(value)}s")
+
+
+class Adapter:
+    """One adapter: its end of the USB, and its controller."""
+
+    def __init__(self, port, serial):
+        self.serial = serial
+        self.bus = []
+        self.waiting = {}  # reads of the host that nothing has answered yet
+        self.outgoing = []  # frames that no other adapter has acknowledged
+        self.incoming = []
+        self.bitrate = None  # while the controller is off
+        self.timing = 0
+        self.socket, kernel = socket.socketpair()
+        with open("/sys/devices/platform/vhci_hcd.0/attach", "w") as attach:
+            attach.write(f"{port} {kernel.fileno()} {port + 1} {FULL_SPEED}")
+        kernel.close()
+
+    def serve(self):
+        """One request of the host; false when the adapter is gone."""
+        header = self.socket.recv(48, socket.MSG_WAITALL)
+        if len(header) < 48:
+            return False
+        command, number, _, incoming, endpoint = struct.unpack(">5I", header[:20])
+        if command == UNLINK:
+            victim = struct.unpack(">I", header[20:24])[0]
+            status = ECONNRESET if self.waiting.pop(victim, None) else 0
+            self.socket.sendall(struct.pack(">5Ii24x", UNLINKED, number, 0, 0, 0, status))
+            return True
+        length = struct.unpack(">i", header[24:28])[0]
+        data = b"" if incoming or length == 0 else self.socket.recv(length, socket.MSG_WAITALL)
+        if endpoint == RECEIVE:
+            self.waiting[number] = True
+            self.deliver()
+        elif endpoint == SEND:
+            self.answer(number, len(data))
+            self.outgoing.append(data)
+            exchange(self.bus)
+        else:
+            reply = self.control(*struct.unpack("<BBHHH", header[40:48]), data)
+            if reply is None:
+                self.answer(number, 0, status=EPIPE)
+            else:
+                self.answer(number, len(data) or len(reply), reply[:length] if incoming else b"")
+        return True
+
+    def answer(self, number, length, data=b"", status=0):
+        length = len(data) or length
+        self.socket.sendall(struct.pack(">5Iii20x", SUBMITTED, number, 0, 0, 0, status, length) + data)
+
+    def control(self, kind, request, value, _index, _length, data):
+        """The answer to a request to the device or its controller; none when it is not known."""
+        if kind == 0x80 and request == 6:
+            return self.describe(value >> 8, value & 255)
+        if kind == 0x41 and request == 1:
+            sizes = struct.unpack("<5I", data)
+            self.timing = CLOCK // sizes[4] // (1 + sum(sizes[:3]))
+        elif kind == 0x41 and request == 2:
+            self.bitrate = self.timing if data[0] == 1 else None
+            self.outgoing.clear()
+            self.incoming.clear()
+            exchange(self.bus)
+        elif kind == 0xC1 and request == 4:
+            return struct.pack("<2I", FEATURES, CLOCK) + TIMING
+        elif kind == 0xC1 and request == 5:
+            return struct.pack("<4B2I", 0, 0, 0, 0, 2, 1)
+        elif kind == 0xC1 and request == 11:
+            return struct.pack("<2I", FEATURES, CLOCK) + TIMING + TIMING
+        elif (kind, request) not in ((0x41, 0), (0x41, 10), (0, 9), (1, 11)):
+            return None
+        return b""
+
+    def describe(self, kind, index):
+        if kind == 1:
+            return descriptor(1, 0x200, 0xFF, 0, 0, 64, 0x1D50, 0x606F, 0, 1, 2, 3, 1, form="H4B3H4B")
+        if kind == 2:
+            parts = descriptor(4, 0, 0, 2, 0xFF, 0xFF, 0xFF, 0, form="7B")
+            parts += descriptor(5, 0x80 | RECEIVE, 2, 64, 0, form="BBHB")
+            parts += descriptor(5, SEND, 2, 64, 0, form="BBHB")
+            return descriptor(2, 9 + len(parts), 1, 1, 0, 0x80, 50, form="H5B") + parts
+        if kind == 3:
+            names = [None, "Emulated", "USB-to-CAN adapter", self.serial]
+            return text(names[index]) if index else descriptor(3, 0x409, form="H")
+        return None
+
+    def deliver(self):
+        while self.waiting and self.incoming:
+            number = next(iter(self.waiting))
+            del self.waiting[number]
+            self.answer(number, 0, self.incoming.pop(0))
+
+    def report(self, identifier, state):
+        """Tells the driver of an error."""
+        frame = struct.pack("<2I4B8s", NO_ECHO, ERROR | identifier, 8, 0, 0, 0, bytes([0, state]))
+        if frame not in self.incoming:
+            self.incoming.append(frame)
+            self.deliver()
+
+
+def exchange(bus):
+    """Moves all frames that another adapter acknowledges."""
+    for sender in [adapter for adapter in bus if adapter.outgoing]:
+        others = [other for other in bus if other.bitrate and other is not sender]
+        if any(other.bitrate != sender.bitrate for other in others):
+            sender.report(0x40, 0)
+        elif not others:
+            sender.report(0x04, 0x20)
+        else:
+            for frame in sender.outgoing:
+                for other in others:
+                    other.incoming.append(struct.pack("<I", NO_ECHO) + frame[4:])
+                sender.incoming.append(frame)
+            sender.outgoing.clear()
+            for adapter in bus:
+                adapter.deliver()
+
+
+def main():
+    bus = [Adapter(port, serial) for port, serial in enumerate(sys.argv[1:])]
+    for adapter in bus:
+        adapter.bus = bus
+    inputs = {adapter.socket: adapter for adapter in bus}
+    while True:
+        for ready in select.select([*inputs, sys.stdin], [], [])[0]:
+            if ready is sys.stdin:
+                serial = os.read(0, 100).decode().strip()
+                gone = [adapter for adapter in bus if adapter.serial == serial]
+                for adapter in gone:
+                    adapter.socket.shutdown(socket.SHUT_RDWR)
+            elif not inputs[ready].serve():
+                bus.remove(inputs.pop(ready))
+                ready.close()
+
+
+if __name__ == "__main__":
+    main()
