@@ -10,7 +10,7 @@ case ${1-} in
     *) sed -n '2,4s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
 esac
 architecture=$1
-install_packages $build_packages dpkg-dev "g++-$ARM_TRIPLET" qemu-user
+install_packages $build_packages $cpack_packages "g++-$ARM_TRIPLET" qemu-user
 
 export ARM_ROOT=$cache/$architecture
 if [ ! -e "$ARM_ROOT/complete" ]; then
@@ -40,7 +40,7 @@ fi
 
 build=$PWD/build/$architecture
 cmake -S . -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/packaging/arm.cmake" \
-    -DCMAKE_BUILD_TYPE=Release -DCORVEL_WERROR=ON -DCORVEL_TESTS=ON \
+    -DCMAKE_BUILD_TYPE=Release -DCORVEL_WERROR=ON -DCORVEL_TESTS=ON -DCORVEL_DOCS=ON \
     -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$ARM_TRIPLET" \
     -DCPACK_DEBIAN_PACKAGE_ARCHITECTURE="$architecture" >/dev/null
 cmake --build "$build"

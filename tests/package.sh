@@ -9,7 +9,7 @@ for package in $packages; do
     ! dpkg-query -W "$package" 2>/dev/null || leave_out "is installed here, and the test would remove it"
 done
 run_as_root true || leave_out "no right to install packages"
-install_packages python3-minimal libpython3-stdlib lintian
+install_packages python3 lintian man-db
 scripts/package.sh
 lintian --allow-root --fail-on error build/package/*.deb
 
@@ -26,6 +26,10 @@ cc exchange.c -o exchange $(pkg-config --cflags --libs tn_corvel)
 simcan ./exchange >out 2>/dev/null
 tail -n 1 out | grep -x 'all as expected'
 
+for page in 3/tn_corvel 3/corvel_{init,free}DLL 3/corvel_{write,read}Message 1/simcan; do
+    LC_ALL=C.UTF-8 man --warnings -l /usr/share/man/man$page.${page%/*}.gz >/dev/null 2>warnings
+    test ! -s warnings || { cat warnings; exit 1; }
+done
 cmake -S . -B build >/dev/null
 cmake --build build >/dev/null
 simcan build/ping 2>/dev/null | grep '^identifier 123, 3 bytes'
