@@ -30,7 +30,9 @@
  * thread.
  *
  * Devices still initialised when the library is unloaded or the process exits stay configured and
- * up: release each device first. Calls that come when the process is ending find no device.
+ * up: release each device first. A link that is up cannot be configured: the next program's
+ * initialisation then fails with CORVEL_OPEN_FAILED ("Device or resource busy") until somebody runs
+ * `sudo ip link set canN down`. Calls that come when the process is ending find no device.
  *
  * Failures are reported by status; the reason goes to the log. A log library that blocks holds up
  * the call, and one that calls back while status 1 is logged never returns. A program that another
@@ -89,8 +91,9 @@ typedef struct _corvel_CanMsg {
  * Runs two `ip link set` commands under `sudo`, which the calling user must be allowed to use, and
  * takes as long as they do. The application must not ignore SIGCHLD meanwhile, nor wait for any
  * child, as waitpid(-1, ...) does, in another thread: the commands' outcome would be lost (status
- * 5). It waits for its own children by their process id instead. After status 5 the link may be
- * left up.
+ * 5). It waits for its own children by their process id instead. A link that is already up, as a
+ * program that was killed leaves it, is not taken down: status 5, as above; and after status 5 the
+ * link may be left up.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index
  * @param bitrate  nominal bit rate in kbit/s, at most 4294967; examined by the controller's driver
