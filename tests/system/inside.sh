@@ -177,6 +177,7 @@ usb_adapters() {
     found() { ls /sys/bus/usb/drivers/gs_usb/*/net; }
     for _ in $(seq 100); do [ "$(found 2>/dev/null | grep -c ^can)" -lt 2 ] || break; sleep 0.1; done
     take_over $(found | grep ^can)
+    ip -d link show can0 | grep -q dtseg || export CORVEL_CLASSIC=1  # what the kernel's driver knows
     facts_of 6 timeout 90 bus_test
 
     send 0 123#11 400 2>log &
@@ -190,7 +191,7 @@ usb_adapters() {
     settings 'state BUS-OFF'
     kill %send && wait %send
     ip link set can1 down
-    check 'after bus-off, initialised again' exchange
+    check 'after bus-off, initialised again' bus_test --gtest_filter='*InOrder'
 
     removal_of_the_adapter 'echo A1 >&9'
 }
