@@ -14,22 +14,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static corvel::DriverForSocketCan driver;
     corvel::IInterface::DeviceDesc desc;
     desc.fd = ends[0];
-    struct {
-        uint8_t before[64];
-        _corvel_CanMsg msg;
-        uint8_t after[64];
-    } got, expected;
+    _corvel_CanMsg got, expected;
     memset(&got, 0xA5, sizeof got);
     memset(&expected, 0xA5, sizeof expected);
     if (send(ends[1], data, size, 0) != static_cast<ssize_t>(size)) abort();
     const bool fits = size == CAN_MTU || (size >= CANFD_MTU && data[4] <= 8);
-    if (driver.readMessage(desc, got.msg, size % 2 != 0, 1000) != fits) abort();
+    if (driver.readMessage(desc, got, size % 2 != 0, 1000) != fits) abort();
     if (fits) {
-        memcpy(&expected.msg.id, data, 4);
-        expected.msg.len = data[4] > 8 ? 8 : data[4];
-        memcpy(expected.msg.data, data + 8, expected.msg.len);
-        expected.msg.extended = data[3] >> 7;
-        expected.msg.remote = (data[3] >> 6) & 1;
+        memcpy(&expected.id, data, 4);
+        expected.len = data[4] > 8 ? 8 : data[4];
+        memcpy(expected.data, data + 8, expected.len);
+        expected.extended = data[3] >> 7;
+        expected.remote = (data[3] >> 6) & 1;
     }
     if (memcmp(&got, &expected, sizeof got) != 0) abort();
     return 0;

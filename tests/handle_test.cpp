@@ -33,18 +33,6 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     EXPECT_EQ(m_driver->getDeviceByIndex(7, m_devices), nullptr);
 }
 
-TEST_F(HandleTest, AScanByADriverThatNobodySharesThrowsAndLeavesNothing) {
-    corvel::DriverForSocketCan unshared;
-    const auto scan = [&] {
-        EXPECT_THROW(unshared.scanDevices(m_devices), std::bad_weak_ptr);
-        return 0;
-    };
-    EXPECT_NE(during(scan).find("nl_close"), std::string::npos);
-    m_system.links = {{772, "lo"}};
-    EXPECT_TRUE(unshared.scanDevices(m_devices));
-    EXPECT_TRUE(m_devices.empty());
-}
-
 TEST_F(HandleTest, AHandleFollowsItsStates) {
     auto device = handle("can0");
     const auto open = [&] { return device->open(1, false, 2); };

@@ -109,14 +109,20 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     return sanitized != nullptr ? sanitized(mutex) : REAL(pthread_mutex_unlock)(mutex);
 }
 
-int system(const char* command) {
-    return answer(0, "system", command);
-}
+// Calls that are recorded and answered, no more.
+#define STAND_IN(name, parameters, ...)       \
+    int name parameters {                     \
+        const Memory memory;                  \
+        return answer(0, #name, __VA_ARGS__); \
+    }
+STAND_IN(system, (const char* command), command)
+STAND_IN(nl_connect, (nl_sock*, int protocol), protocol)
+STAND_IN(bind, (int fd, const sockaddr* address, socklen_t size), fd, hexadecimal(address, size))
+STAND_IN(setsockopt, (int fd, int level, int option, const void* value, socklen_t size), fd, level,
+         option, hexadecimal(value, size))
+
 nl_sock* nl_socket_alloc() {
     return answer(0, "nl_socket_alloc") == 0 ? REAL(nl_socket_alloc)() : nullptr;
-}
-int nl_connect(nl_sock*, int protocol) {
-    return answer(0, "nl_connect", protocol);
 }
 void nl_close(nl_sock*) {
     answer(0, "nl_close");
@@ -152,19 +158,11 @@ int ioctl(int fd, unsigned long request, ...) {
     argument->ifr_ifindex = 77;
     return answer(0, "ioctl", fd, request, argument->ifr_name);
 }
-int bind(int fd, const sockaddr* address, socklen_t size) {
-    const Memory memory;
-    return answer(0, "bind", fd, hexadecimal(address, size));
-}
 int getsockname(int, sockaddr* address, socklen_t*) {
     auto* const can = reinterpret_cast<sockaddr_can*>(address);
     can->can_family = AF_CAN;
     can->can_ifindex = current->boundTo;
     return answer(0, "getsockname");
-}
-int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
-    const Memory memory;
-    return answer(0, "setsockopt", fd, level, option, hexadecimal(value, size));
 }
 int close(int fd) {
     if (FROM_LIBRARY) answer(0, "close", fd);
