@@ -26,63 +26,62 @@ static int receive() {
 static const auto poll = receive<0, 0>;
 
 static const std::string scanned = R"(
-2/0 nl_socket_alloc
-2/0 nl_connect 0
-2/0 rtnl_link_alloc_cache 0
-2/0 nl_close
+aa/ nl_socket_alloc
+aa/ nl_connect 0
+aa/ rtnl_link_alloc_cache 0
+aa/ nl_close
 )";
 static const std::string up =
     "sudo ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0\n";
 static const std::string upCanFd =
     "sudo ip link set can0 up type can bitrate 500000 sample-point 0.75 dbitrate 2000000 "
     "sample-point 0.75 restart-ms 0 fd on\n";
-static const std::string bound = R"(3/1 socket 29 3 1
-3/1 ioctl 50 35123 can0
-3/1 bind 50 1D0000004D0000000000000000000000
+static const std::string bound = R"(aab/b socket 29 3 1
+aab/b ioctl 50 35123 can0
+aab/b bind 50 1D0000004D0000000000000000000000
 )";
-static const std::string registered = "3/0 log 2 Successfully opened Corvel.\n4/0 = 0\n";
+static const std::string registered = "aab/ log 2 Successfully opened Corvel.\naaba/ = 0\n";
 static const std::string released = R"(
-2/1 getsockname
-2/1 setsockopt 50 101 1 
-2/1 bind 50 1D000000000000000000000000000000
-2/1 bind 50 1D0000004D0000000000000000000000
-2/1 setsockopt 50 101 1 0000000000000000
-2/1 close 50
-2/1 log 2 sudo ip link set can0 down
-2/1 system sudo ip link set can0 down
-2/0 log 2 Free Device.
-2/0 = 0
+ab/b getsockname
+ab/b setsockopt 50 101 1 
+ab/b bind 50 1D000000000000000000000000000000
+ab/b bind 50 1D0000004D0000000000000000000000
+ab/b setsockopt 50 101 1 0000000000000000
+ab/b close 50
+ab/b log 2 sudo ip link set can0 down
+ab/b system sudo ip link set can0 down
+ab/ log 2 Free Device.
+ab/ = 0
 )";
 
 TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
-    EXPECT_EQ(during(init), scanned + "3/1 log 2 " + up + "3/1 system " + up +
-                                "3/1 system sudo ip link set can0 txqueuelen 2000\n" + bound +
+    EXPECT_EQ(during(init), scanned + "aab/b log 2 " + up + "aab/b system " + up +
+                                "aab/b system sudo ip link set can0 txqueuelen 2000\n" + bound +
                                 registered);
     EXPECT_EQ(fcntl(50, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(50, F_GETFL) & O_NONBLOCK, 0);
-    EXPECT_EQ(during(init),
-              "\n1/1 log 4 Failed open Corvel.The device is already open.\n1/0 = 1\n");
-    EXPECT_EQ(during(send), "\n3/1 write 50 16 2301000003000000010203\n3/0 = 0\n");
+    EXPECT_EQ(during(init), "\na/a log 4 Failed open Corvel.The device is already open.\na/ = 1\n");
+    EXPECT_EQ(during(send), "\nabc/c write 50 16 2301000003000000010203\nabc/ = 0\n");
     m_system.frames = {bytes("", 16)};
-    EXPECT_EQ(during(receive<0, 1500>), "\n3/1 select 50 1 500000\n3/1 read 50 72\n3/0 = 0\n");
+    EXPECT_EQ(during(receive<0, 1500>), "\nabd/d select 50 1 500000\nabd/d read 50 72\nabd/ = 0\n");
     EXPECT_EQ(during(release), released);
-    EXPECT_EQ(during(release), "\n1/1 log 3 Free failed,No such device\n1/0 = 1\n");
+    EXPECT_EQ(during(release), "\na/a log 3 Free failed,No such device\na/ = 1\n");
     EXPECT_EQ(init(), 0) << "a released index is free";
 }
 
 TEST_F(ApiTest, ACanFdDeviceFromInitialisationToRelease) {
-    EXPECT_EQ(during(initCanFd), scanned + "3/1 log 2 " + upCanFd + "3/1 system " + upCanFd +
-                                     "3/1 system sudo ip link set can0 txqueuelen 10000\n" + bound +
-                                     "3/1 setsockopt 50 101 5 01000000\n" + registered);
-    EXPECT_EQ(during(send), "\n3/1 write 50 72 2301000003010000010203\n3/0 = 0\n");
-    EXPECT_EQ(during(poll), "\n3/1 select 50 0 0\n3/0 = 2\n");
+    EXPECT_EQ(during(initCanFd), scanned + "aab/b log 2 " + upCanFd + "aab/b system " + upCanFd +
+                                     "aab/b system sudo ip link set can0 txqueuelen 10000\n" +
+                                     bound + "aab/b setsockopt 50 101 5 01000000\n" + registered);
+    EXPECT_EQ(during(send), "\nabc/c write 50 72 2301000003010000010203\nabc/ = 0\n");
+    EXPECT_EQ(during(poll), "\nabd/d select 50 0 0\nabd/ = 2\n");
     m_system.orders = {{"system", 0x100}};
     EXPECT_EQ(during(release), released) << "what the command achieves is not examined";
 }
 
 TEST_F(ApiTest, UnknownIndexesAndNullRecordsAreRefused) {
-    EXPECT_EQ(during(send), "\n1/1 log 3 Write failed,No such device\n1/0 = 1\n");
-    EXPECT_EQ(during(poll), "\n1/1 log 3 Read failed,No such device\n1/0 = 1\n");
+    EXPECT_EQ(during(send), "\na/a log 3 Write failed,No such device\na/ = 1\n");
+    EXPECT_EQ(during(poll), "\na/a log 3 Read failed,No such device\na/ = 1\n");
     const auto initLast = [] { return corvel_initDLL(-1, 4294968, true, 4294967); };
     EXPECT_EQ(outcome(initLast),
               "\nlog 4 Open Corvel failed: device does not exist. devIndex:-1\n= 1\n");
@@ -226,14 +225,14 @@ TEST_F(ApiTest, FramesThatFail) {
               write + "log 4 write error:No buffer space available(errno=105)\n= 3\n");
     EXPECT_EQ(outcome(send), write + "log 4 write error:No space left on device(errno=28)\n= 3\n");
     EXPECT_EQ(during(send), R"(
-3/1 write 50 16 2301000003000000010203
-3/1 getsockname
-3/1 setsockopt 50 101 1 
-3/1 bind 50 1D000000000000000000000000000000
-3/1 bind 50 1D0000004D0000000000000000000000
-3/1 setsockopt 50 101 1 0000000000000000
-3/1 log 4 write error:Network is down(errno=100)
-3/0 = 3
+abc/c write 50 16 2301000003000000010203
+abc/c getsockname
+abc/c setsockopt 50 101 1 
+abc/c bind 50 1D000000000000000000000000000000
+abc/c bind 50 1D0000004D0000000000000000000000
+abc/c setsockopt 50 101 1 0000000000000000
+abc/c log 4 write error:Network is down(errno=100)
+abc/ = 3
 )") << "a read that lost the kernel's report to the write is told again";
     m_system.orders = {{"write", -1, 100}, {"write", -1, 100}, {"getsockname", -1, 9}};
     EXPECT_EQ(during(send).find("bind"), std::string::npos);
@@ -253,13 +252,36 @@ TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
     ASSERT_EQ(init() + initOther(), 0);
     m_system.frames = {bytes("", 16), bytes("", 16)};
     EXPECT_EQ(during(receive<0, 4294967295>),
-              "\n3/1 select 1023 4294967 295000\n3/1 read 1023 72\n3/0 = 0\n");
+              "\nabd/d select 1023 4294967 295000\nabd/d read 1023 72\nabd/ = 0\n");
     const auto readAbove = receive<1, 4294967295>;
     EXPECT_EQ(during(readAbove),
-              "\n3/1 ppoll 1 1024 1 4294967 295000000\n3/1 read 1024 72\n3/0 = 0\n");
+              "\nace/e ppoll 1 1024 1 4294967 295000000\nace/e read 1024 72\nace/ = 0\n");
     EXPECT_EQ(outcome(readAbove), "\n= 2\n");
     m_system.orders = {{"ppoll", -1, 4}};
     EXPECT_EQ(outcome(readAbove), "\nlog 4 select() error: Interrupted system call\n= 2\n");
+}
+
+// A release from within a read, as if by another thread: with descriptors to spare, none, one.
+TEST_F(ApiTest, AReleasedNumberStaysTakenUntilTheCallThatItMetIsOver) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const auto lowest = static_cast<rlim_t>(dup(2));
+    close(static_cast<int>(lowest));
+    rlim_t spare;
+    m_system.hooks["select 50"] = [&] {
+        const rlimit few{lowest + spare, limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+        EXPECT_EQ(release(), 0);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        EXPECT_EQ(fcntl(50, F_GETFD), spare > 1 ? FD_CLOEXEC : -1);
+        EXPECT_LT(write(50, "", 1), 0);
+    };
+    for (const unsigned number : {1000U, 0U, 1U}) {
+        spare = number, m_system.nextSocket = 50;
+        EXPECT_EQ(init(), 0);
+        EXPECT_EQ(poll(), 2);
+        EXPECT_EQ(fcntl(50, F_GETFD), -1);
+    }
 }
 
 // Lets each allocation of a call fail in turn, until one call needs fewer; `check` runs after each.

@@ -1,36 +1,58 @@
 #!/bin/bash
-# Uses the library as other projects do: installed into a folder, which is then moved, and as a part of
-# a project that has targets, names and rules of its own.
+# Uses the library as other projects do: installed into a folder, which is then moved; as a part of a
+# project that has targets and rules of its own; and from the packages, which are installed on this
+# machine and removed again. Only these need rights, and are left out where one is installed already.
 set -eu
 . "$(dirname "$0")/../scripts/common.sh"
-install_packages $build_packages make
+install_packages $build_packages make python3 man-db
 root=$PWD
+packages='libtn-corvel libtn-corvel-dev'
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 quietly() { "$@" >log 2>&1 || { cat log; return 1; }; }
 build() { # FOLDER GENERATOR CMAKE-WORDS...
+    rm -rf "$1"
     quietly cmake -B "$1" -G "$2" "${@:3}"
     quietly cmake --build "$1" -j2
 }
 holds() { grep -q "$@" || { echo "not found: ${*: -2}"; exit 1; }; }
+eventually() { for _ in $(seq 100); do ! "$@" || return 0; sleep 0.1; done; "$@"; }
+
+use() { # PREFIX
+    export PKG_CONFIG_PATH=$(dirname "$(find "$1/lib" -name tn_corvel.pc)") SIMCAN_RUN=$$
+    export LD_LIBRARY_PATH=$(pkg-config --variable=libdir tn_corvel)
+    examples=$1/share/doc/libtn-corvel-dev/examples
+    build examples Ninja -S "$examples" -DCMAKE_PREFIX_PATH="$(realpath "$1")"
+    LD_LIBRARY_PATH= "$1/bin/simcan" examples/exchange 2>/dev/null | holds -x 'all as expected'
+    c++ "$examples/ping.cpp" -o ping $(pkg-config --cflags --libs tn_corvel)
+    "$1/bin/simcan" ./ping 2>/dev/null | holds '^identifier 123, 3 bytes'
+
+    cc "$examples/send.c" -o send $(pkg-config --cflags --libs tn_corvel)
+    : >err
+    "$1/bin/simcan" python3 "$examples/monitor.py" 1 >frames 2>err &
+    eventually grep -q 'Successfully opened' err
+    for frame in 123#11.22.33 1ABCDEF0# 7FF#R2; do "$1/bin/simcan" ./send 0 $frame 2>/dev/null; done
+    eventually grep -q R2 frames
+    kill -TERM $!
+    wait $!
+    test "$(sed -E 's/^\([0-9]+\.[0-9]{6}\) //' frames)" = $'can1 123#112233\ncan1 1ABCDEF0#\ncan1 7FF#R2'
+    for page in "$1"/share/man/man*/*corvel*; do
+        LC_ALL=C.UTF-8 man --warnings -l "$page" 2>&1 >/dev/null | tee warnings
+        test ! -s warnings
+    done
+    unset LD_LIBRARY_PATH PKG_CONFIG_PATH
+}
 
 build build 'Unix Makefiles' -S "$root" -DCMAKE_CXX_STANDARD=20 -DCORVEL_WERROR=ON
-quietly cmake --install build --prefix "$work/first"
 holds std=c++20 build/compile_commands.json
-mv first moved && rm -r build
-
-build examples Ninja -S moved/share/doc/libtn-corvel-dev/examples -DCMAKE_PREFIX_PATH="$work/moved"
-moved/bin/simcan --own examples/exchange 2>/dev/null | holds -x 'all as expected'
-
-export PKG_CONFIG_PATH=$(dirname "$(find moved -name tn_corvel.pc)")
-flags=$(pkg-config --cflags --libs tn_corvel)
-cc "$root/examples/send.c" -o send $flags
-c++ "$root/examples/ping.cpp" -o ping $flags
-export LD_LIBRARY_PATH=$(pkg-config --variable=libdir tn_corvel)
-moved/bin/simcan --own ./ping 2>/dev/null | holds '^identifier 123, 3 bytes'
-moved/bin/simcan --own ./send 0 123#11 2>&1 | holds '^1 of 1 frames sent'
-unset LD_LIBRARY_PATH PKG_CONFIG_PATH
+quietly cmake --install build --prefix "$work/first"
+mv first moved
+use moved
+for words in '0 12345#11' '0 123#112233445566778899' '0 800#' 'x 123#' '0 7FF#R 1 0 9 9' '7 123#'; do
+    ! moved/bin/simcan examples/send $words 2>log || exit 1
+    holds '^send: ' log
+done
 
 mkdir parent
 cat >parent/CMakeLists.txt <<'CMAKE'
@@ -51,10 +73,9 @@ add_executable(monitor ${ROOT}/examples/exchange.c)
 target_link_libraries(monitor tn_corvel::tn_corvel)
 install(TARGETS monitor)
 CMAKE
-for way in Ninja 'Unix Makefiles'; do
-    rm -rf build installed
-    build build "$way" -S parent -DROOT="$root"
-    "$root/build/dev/simcan/simcan" --own build/monitor 2>/dev/null | holds -x 'all as expected'
+for generator in Ninja 'Unix Makefiles'; do
+    build build "$generator" -S parent -DROOT="$root"
+    moved/bin/simcan build/monitor 2>/dev/null | holds -x 'all as expected'
     holds -x 'CMAKE_BUILD_TYPE:STRING=' build/CMakeCache.txt
     quietly cmake --install build --prefix "$work/installed"
     test "$(cd installed && find . -type f)" = ./bin/monitor
@@ -63,3 +84,21 @@ done
 ! cmake -S "$root" -B refused -DBUILD_SHARED_LIBS=OFF >/dev/null 2>log || exit 1
 holds 'tn_corvel is a shared library' log
 echo "installed and moved, and built inside another project"
+
+leave_out() { echo "packages: $*"; exit 77; }
+for package in $packages; do
+    ! dpkg-query -W "$package" 2>/dev/null || leave_out "is installed here, and the test would remove it"
+done
+run_as_root true || leave_out "no right to install any"
+install_packages lintian
+quietly "$root/scripts/package.sh"
+lintian --allow-root --fail-on error "$root"/build/package/*.deb
+remove() { run_as_root apt-get -qq -y purge $packages >/dev/null 2>&1 </dev/null; }
+trap 'remove || true; rm -rf "$work"' EXIT
+run_as_root apt-get -qq -y install "$root"/build/package/*.deb >/dev/null </dev/null
+dpkg -L $packages >files
+use /usr
+remove
+while read -r file; do [ -d "$file" ] || [ ! -e "$file" ] || exit 1; done <files
+! ls -d /usr/include/corvel /usr/lib/*/tn_corvel /usr/share/doc/libtn-corvel* 2>/dev/null || exit 1
+echo "packages installed, used and removed"

@@ -25,9 +25,10 @@ struct System {
     std::list<Order> orders;
     std::map<std::string, std::function<void()>> hooks;  // run in every such call, before all else
     std::vector<std::pair<unsigned, const char*>> links{{772, "lo"}, {280, "can1"}, {280, "can0"}};
-    int nextSocket = 50;            // CAN sockets get these numbers, counting up
-    int boundTo = 77;               // the interface index that they say they are bound to
-    std::list<std::string> frames;  // received on any of them
+    int nextSocket = 50;                // CAN sockets get these numbers, counting up
+    int boundTo = 77;                   // the interface index that they say they are bound to
+    std::list<std::string> frames;      // received on any of them
+    std::map<const void*, char> locks;  // the library's, named in the order of their first use
 };
 
 // Every test has a system of its own, and ends with the descriptors that it began with.
@@ -39,9 +40,9 @@ protected:
     const long m_descriptors;
 };
 
-// What a call did and its result, each line after a line end: "T/H NAME ARGUMENTS", where T counts
-// the locks that the library has taken for the call so far and H those that it holds. Log records
-// are "log LEVEL MESSAGE", frames their size and bytes without trailing zeros.
+// What a call did and its result, each line after a line end: "TAKEN/HELD NAME ARGUMENTS", with the
+// letters of the locks that the library has taken for the call so far, and of those that it holds.
+// Log records are "log LEVEL MESSAGE", frames their size and bytes without trailing zeros.
 std::string during(const std::function<int()>& call);
 
 // Only its log records, frames, closed sockets and result, without the locks.
