@@ -18,7 +18,6 @@ check() {
     fi
 }
 holds() { grep -qF -- "$2" "$1" || { echo "no '$2' in:"; cat "$1"; return 1; }; }
-same() { diff -u "$1" "$2"; }
 refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is required'; }
 
 # The build where any user can read it; and a sudo for root that takes no second to think.
@@ -52,7 +51,7 @@ settings() {
 }
 expect() { # NAME FRAMES...: have arrived
     printf '%s\n' "${@:2}" >expected
-    check "$1" same expected arrived
+    check "$1" diff -u expected arrived
 }
 
 # facts_of NUMBER COMMAND...: so many tests of a bus, which hold on every kind; COMMAND runs them.
@@ -62,8 +61,7 @@ facts_of() {
     check "$1 tests of the bus" holds facts "[  PASSED  ] $1 tests."
 }
 removal_of_the_adapter() {
-    CORVEL_TEST_REMOVE=$1 timeout 90 bus_test \
-        --gtest_filter='*ACut*' >facts 2>/dev/null
+    CORVEL_TEST_REMOVE=$1 timeout 90 bus_test --gtest_filter='*ACut*' >facts 2>/dev/null
     grep 'came back' facts | sed 's/^/    /'
     check 'a waiting read, and the adapter is removed' holds facts '[  PASSED  ] 1 test.'
 }
