@@ -14,10 +14,12 @@ static const auto init = [] { return corvel_initDLL(0, 500, false, 2000); };
 static const auto initCanFd = [] { return corvel_initDLL(0, 500, true, 2000); };
 static const auto initOther = [] { return corvel_initDLL(1, 500, true, 2000); };
 static const auto release = [] { return corvel_freeDLL(0); };
-static const auto send = [] {
+template <int32_t index>
+static int sendOn() {
     const _corvel_CanMsg msg{0x123, {1, 2, 3}, 3, {}, 0, 0};
-    return corvel_writeMessage(0, &msg);
-};
+    return corvel_writeMessage(index, &msg);
+}
+static const auto send = sendOn<0>;
 template <int32_t index, uint32_t timeout>
 static int receive() {
     _corvel_CanMsg msg;
@@ -75,6 +77,8 @@ TEST_F(ApiTest, ACanFdDeviceFromInitialisationToRelease) {
                                      bound + "aab/b setsockopt 50 101 5 01000000\n" + registered);
     EXPECT_EQ(during(send), "\nabc/c write 50 72 2301000003010000010203\nabc/ = 0\n");
     EXPECT_EQ(during(poll), "\nabd/d select 50 0 0\nabd/ = 2\n");
+    EXPECT_EQ(initOther(), 0);
+    EXPECT_EQ(during(sendOn<1>), "\naef/f write 51 72 2301000003010000010203\naef/ = 0\n");
     m_system.orders = {{"system", 0x100}};
     EXPECT_EQ(during(release), released) << "what the command achieves is not examined";
 }
