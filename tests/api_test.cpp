@@ -87,6 +87,7 @@ TEST_F(ApiTest, UnknownIndexesAndNullRecordsAreRefused) {
     EXPECT_EQ(during(send), "\na/a log 3 Write failed,No such device\na/ = 1\n");
     EXPECT_EQ(during(poll), "\na/a log 3 Read failed,No such device\na/ = 1\n");
     const auto initLast = [] { return corvel_initDLL(-1, 4294968, true, 4294967); };
+    m_system.links = {{772, "lo"}};
     EXPECT_EQ(outcome(initLast),
               "\nlog 4 Open Corvel failed: device does not exist. devIndex:-1\n= 1\n");
     m_system.links = {{280, "can4294967295"}};
