@@ -165,7 +165,9 @@ int close(int fd) {
 }
 
 int select(int count, fd_set* in, fd_set*, fd_set*, timeval* limit) {
-    const int fd = FD_ISSET(count - 1, in) ? count - 1 : -1;
+    fd_set alone{};
+    FD_SET(count - 1, &alone);
+    const int fd = memcmp(in, &alone, sizeof alone) == 0 ? count - 1 : -1;
     if (!isOpen(fd)) return -1;
     return answer(!current->frames.empty(), "select", fd, limit->tv_sec, limit->tv_usec);
 }
