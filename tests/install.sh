@@ -4,7 +4,7 @@
 # machine and removed again. Only these need rights, and are left out where one is installed already.
 set -eu
 . "$(dirname "$0")/../scripts/common.sh"
-install_packages $build_packages make python3 man-db
+install_packages $build_packages $cpack_packages make man-db
 root=$PWD
 packages='libtn-corvel libtn-corvel-dev'
 work=$(mktemp -d)
