@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Emulates USB-to-CAN adapters, one for each serial number given, which the kernel's driver gs_usb
-serves, joined by one bus: usb-adapters SERIAL... An adapter is pulled out by writing its serial number
+serves, joined by one bus: usb_adapters.py SERIAL... An adapter is pulled out by writing its serial number
 to standard input.
 
 Adapters without a partner on the bus are not acknowledged: their frames wait. At another bit rate than the

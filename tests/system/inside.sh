@@ -247,7 +247,7 @@ if [ -e /sys/class/net/can3 ]; then
     section can_fd_controllers
     last=usb_adapters
 else
-    echo "LEFT OUT: CAN FD controllers, for which this kernel has no driver; USB adapters, whose driver is faulty"
+    echo "LEFT OUT: CAN FD controllers, for which this kernel has no driver; USB adapters, which stop it"
     export PATH=/opt/corvel/fast:$PATH
 fi
 section virtual_interfaces
