@@ -50,8 +50,8 @@ int main(int count, char** words) try {
         const Adapter first(a), second(b);
         there = std::async(std::launch::async, forward, a, b);
         back = std::async(std::launch::async, forward, b, a);
-        int number;
-        sigwait(&endSignals, &number);
+        int ended;
+        sigwait(&endSignals, &ended);
     }
     std::printf("%lu frames from can%d to can%d, ", there.get(), a, b);
     std::printf("%lu back\n", back.get());
