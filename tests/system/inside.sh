@@ -220,7 +220,8 @@ virtual_interfaces() {
     on_pair() { as_user timeout 90 /opt/corvel/simcan/simcan --kernel "$@" 2>/dev/null; }
     check 'exchange' on_pair exchange
     facts_of 5 on_pair bus_test
-    on_pair bash -c 'ip link set can1 up; monitor 0 & candump -L can1 & sleep 2; cansend can1 123#1122
+    on_pair bash -c 'ip link set can1 up; monitor 0 & candump -L can1 &
+        until [ $(grep -cE "^ +can[01] " /proc/net/can/rcvlist_all) = 2 ]; do sleep 0.1; done; cansend can1 123#1122
         send 0 7FF#R2; kill -TERM %1 %2; wait' >log
     sed -n 's/^([0-9.]*) //p' log | sort >arrived
     expect 'candump and cansend, monitor and send' 'can0 123#1122' 'can0 7FF#R2' 'can1 123#1122' 'can1 7FF#R2'
