@@ -181,11 +181,14 @@ TEST_F(SimulatedTest, CallsMeetReleases) {
     const auto end = Clock::now() + std::chrono::seconds(3);
     const auto repeat = [&](auto action) {
         threads.push_back(std::async(std::launch::async, [=] {
-            while (Clock::now() < end) action();
+            while (Clock::now() < end) {
+                action();
+                std::this_thread::sleep_for(std::chrono::microseconds(20));
+            }
         }));
     };
     ASSERT_EQ(open(1), CORVEL_SUCCESS);
-    repeat([] { write(1), std::this_thread::yield(); });
+    repeat([] { write(1); });
     repeat([&] {
         cycles += open(0) == CORVEL_SUCCESS;
         std::this_thread::sleep_for(std::chrono::microseconds(300));
