@@ -60,7 +60,9 @@ known=()
 while read -r folder; do known+=(-l"$folder"); done \
     < <(find "$ARM_ROOT/packages" -name '*.so.*' -printf '%h\n' | sort -u)
 for package in "$ARM_ROOT"/packages/*; do known+=(-S"$package"); done
+rm -rf "$build/installed"
 DESTDIR=$build/installed cmake --install "$build" >/dev/null
+! grep -rlF "$ARM_ROOT" "$build/installed" || { echo "these name a folder of this machine" >&2; exit 1; }
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 library=$build/installed/usr/lib/$ARM_TRIPLET
 rm -f "$build"/*.deb
