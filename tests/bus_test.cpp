@@ -10,10 +10,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tn_corvel.h"
 
