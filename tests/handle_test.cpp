@@ -78,14 +78,12 @@ TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
 
 TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
     IInterface::DeviceDesc desc;
-    for (const int fd : {-1, -2000, 900, 1023, 1024}) {
+    for (const int fd : {-1, -2000, 40, 1024}) {
         desc.fd = fd;
         EXPECT_EQ(outcome([&] { return m_driver->readMessage(desc, m_msg, false, 60000); }),
                   "\nlog 4 select() error: Bad file descriptor\n= 0\n");
         EXPECT_EQ(outcome([&] { return m_driver->writeMessage(desc, m_msg, false); }),
-                  "\nlog 4 write error:Bad file descriptor(errno=9)\n= 0\n");
+                  "\nwrite " + std::to_string(fd) +
+                      " 16 \nlog 4 write error:Bad file descriptor(errno=9)\n= 0\n");
     }
-    desc.fd = 0;
-    EXPECT_EQ(during([&] { return m_driver->readMessage(desc, m_msg, false, 0); }),
-              "\n/ select 0 0 0\n/ = 0\n");
 }

@@ -8,10 +8,9 @@
 #include <netlink/route/link.h>
 #include <pelid_log.h>
 #include <poll.h>
-#include <stdarg.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <iomanip>
@@ -25,9 +24,10 @@
 namespace {
 
 System* current;
-std::string record;
-const std::string logName = "log";
-std::string locksTaken, locksHeld;
+// Not destroyed, as the library may be called after the end of main.
+std::string& record = *new std::string;
+std::string& locksTaken = *new std::string;
+std::string& locksHeld = *new std::string;
 
 // While it lives, no allocation of this thread is made to fail.
 struct Memory {
@@ -40,33 +40,43 @@ bool isLibrary(const void* caller) {
     return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "libtn_corvel") != nullptr;
 }
 
-bool isOpen(int fd) {
-    return REAL(fcntl)(fd, F_GETFD) >= 0;
+int succeed() {
+    return 0;
 }
 
-// Records a call, runs its hook, and gives what is ordered for it, or else its usual result.
-template <typename... Words>
-int answer(int usual, const std::string& name, const Words&... words) {
-    const int usualError = errno;
+// Records a call, and gives what is ordered for it, or else what `usual` does.
+template <typename Usual, typename... Words>
+int answer(const Usual& usual, const char* name, const Words&... words) {
+    const int error = errno;
     const Memory memory;
     std::ostringstream line;
     line << name;
     ((line << ' ' << words), ...);
-    const auto isMeant = [&](const std::string& text) {
-        return name != logName && line.str().find(text) != std::string::npos;
-    };
-    for (const auto& [text, hook] : current->hooks) {
-        if (isMeant(text)) hook();
-    }
+    if (current->onCall) current->onCall(line.str());
     record += locksTaken + '/' + locksHeld + ' ' + line.str() + '\n';
-    const auto order = std::find_if(current->orders.begin(), current->orders.end(),
-                                    [&](const auto& ordered) { return isMeant(ordered.text); });
-    errno = usualError;
-    if (order == current->orders.end()) return usual;
-    const System::Order found = *order;
-    current->orders.erase(order);
-    errno = found.error;
-    return found.result;
+    errno = error;
+    auto& orders = current->orders;
+    if (orders.empty() || line.str().find(orders.front().text) == std::string::npos) return usual();
+    const System::Order order = orders.front();
+    orders.pop_front();
+    errno = order.error;
+    return order.result;
+}
+
+// In a CAN socket's place: a datagram socket that is connected to itself.
+int openLoop() {
+    const int opened = REAL(socket)(AF_UNIX, SOCK_DGRAM, 0);
+    const int fd = dup2(opened, current->nextSocket++);
+    REAL(close)(opened);
+    sockaddr_un own{};
+    own.sun_family = AF_UNIX;
+    socklen_t size = sizeof own.sun_family;
+    auto* const address = reinterpret_cast<sockaddr*>(&own);
+    REAL(bind)(fd, address, size);
+    size = sizeof own;
+    REAL(getsockname)(fd, address, &size);
+    connect(fd, address, size);
+    return fd;
 }
 
 }  // namespace
@@ -76,10 +86,8 @@ LOG_Helper::LOG_Helper(std::string module, int level, const std::string& file, u
     errno = ENOTTY;  // making a record may change errno
 }
 LOG_Helper::~LOG_Helper() {
-    const Memory memory;
     const bool wellFormed = m_module == "corvel" && m_file.rfind("src/", 0) == 0 && m_line > 0;
-    const std::string message = std::regex_replace(m_message.str(), std::regex("\n"), "\\n");
-    answer(0, logName, m_level, wellFormed ? message : "malformed: " + message);
+    answer(succeed, wellFormed ? "log" : "malformed log", m_level, m_message.rdbuf());
 }
 std::stringstream& LOG_Helper::getSS() {
     return m_message;
@@ -104,106 +112,87 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     return REAL(pthread_mutex_unlock)(mutex);
 }
 
-// Calls that are recorded and answered, no more.
-#define STAND_IN(name, parameters, ...)       \
-    int name parameters {                     \
-        const Memory memory;                  \
-        return answer(0, #name, __VA_ARGS__); \
-    }
-STAND_IN(system, (const char* command), command)
-STAND_IN(nl_connect, (nl_sock*, int protocol), protocol)
-STAND_IN(bind, (int fd, const sockaddr* address, socklen_t size), fd, hexadecimal(address, size))
-STAND_IN(setsockopt, (int fd, int level, int option, const void* value, socklen_t size), fd, level,
-         option, hexadecimal(value, size))
+int system(const char* command) {
+    return answer(succeed, "system", command);
+}
 
 nl_sock* nl_socket_alloc() {
-    return answer(0, "nl_socket_alloc") == 0 ? REAL(nl_socket_alloc)() : nullptr;
+    return answer(succeed, "nl_socket_alloc") == 0 ? REAL(nl_socket_alloc)() : nullptr;
 }
-void nl_close(nl_sock*) {
-    answer(0, "nl_close");
+int nl_connect(nl_sock*, int protocol) {
+    return answer(succeed, "nl_connect", protocol);
 }
 int rtnl_link_alloc_cache(nl_sock*, int family, nl_cache** result) {
-    const int error = answer(0, "rtnl_link_alloc_cache", family);
-    if (error < 0) return error;
-    nl_cache_alloc_name("route/link", result);
-    for (const auto& [type, name] : current->links) {
-        rtnl_link* const link = rtnl_link_alloc();
-        if (*name != '\0') rtnl_link_set_name(link, name);
-        rtnl_link_set_ifindex(link, 1 + nl_cache_nitems(*result));
-        rtnl_link_set_arptype(link, type);
-        nl_cache_add(*result, reinterpret_cast<nl_object*>(link));
-        rtnl_link_put(link);
-    }
-    return 0;
+    const auto listLinks = [=] {
+        nl_cache_alloc_name("route/link", result);
+        for (const auto& [type, name] : current->links) {
+            rtnl_link* const link = rtnl_link_alloc();
+            if (*name != '\0') rtnl_link_set_name(link, name);
+            rtnl_link_set_ifindex(link, 1 + nl_cache_nitems(*result));
+            rtnl_link_set_arptype(link, type);
+            nl_cache_add(*result, reinterpret_cast<nl_object*>(link));
+            rtnl_link_put(link);
+        }
+        return 0;
+    };
+    return answer(listLinks, "rtnl_link_alloc_cache", family);
+}
+void nl_close(nl_sock*) {
+    answer(succeed, "nl_close");
 }
 
 int socket(int domain, int type, int protocol) {
-    const int file = open("/dev/null", O_RDWR);
-    const int usual = dup2(file, current->nextSocket++);
-    REAL(close)(file);
-    const int fd = answer(usual, "socket", domain, type, protocol);
-    if (fd != usual) REAL(close)(usual);
-    return fd;
+    return answer(openLoop, "socket", domain, type, protocol);
 }
-int ioctl(int fd, unsigned long request, ...) {
-    va_list arguments;
-    va_start(arguments, request);
-    auto* const argument = va_arg(arguments, ifreq*);
-    va_end(arguments);
+int ioctl(int fd, unsigned long request, ifreq* argument) {
     argument->ifr_ifindex = 77;
-    return answer(0, "ioctl", fd, request, argument->ifr_name);
+    return answer(succeed, "ioctl", fd, request, argument->ifr_name);
+}
+int bind(int fd, const sockaddr* address, socklen_t size) {
+    return answer(succeed, "bind", fd, Bytes{address, size});
 }
 int getsockname(int, sockaddr* address, socklen_t*) {
     auto* const can = reinterpret_cast<sockaddr_can*>(address);
     can->can_family = AF_CAN;
     can->can_ifindex = current->boundTo;
-    return answer(0, "getsockname");
+    return answer(succeed, "getsockname");
+}
+int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
+    return answer(succeed, "setsockopt", fd, level, option, Bytes{value, size});
 }
 int close(int fd) {
-    if (FROM_LIBRARY) answer(0, "close", fd);
+    if (FROM_LIBRARY) answer(succeed, "close", fd);
     return REAL(close)(fd);
 }
 
-int select(int count, fd_set* in, fd_set*, fd_set*, timeval* limit) {
-    fd_set alone{};
-    FD_SET(count - 1, &alone);
-    const int fd = memcmp(in, &alone, sizeof alone) == 0 ? count - 1 : -1;
-    if (!isOpen(fd)) return -1;
-    return answer(!current->frames.empty(), "select", fd, limit->tv_sec, limit->tv_usec);
+int select(int count, fd_set* in, fd_set* out, fd_set* failed, timeval* limit) {
+    const auto wait = [=] { return REAL(select)(count, in, out, failed, limit); };
+    return answer(wait, "select", count - 1, limit->tv_sec, limit->tv_usec);
 }
-int ppoll(pollfd* waiting, nfds_t count, const timespec* limit, const sigset_t*) {
-    const timespec now{};
-    REAL(ppoll)(waiting, count, &now, nullptr);  // fails or says that there is something to read
-    const bool ready = waiting->revents == POLLNVAL || !current->frames.empty();
-    return answer(ready, "ppoll", count, waiting->fd, waiting->events, limit->tv_sec,
-                  limit->tv_nsec);
+int ppoll(pollfd* waiting, nfds_t count, const timespec* limit, const sigset_t* mask) {
+    const int ready = REAL(ppoll)(waiting, count, limit, mask);
+    return answer([=] { return ready; }, "ppoll", count, waiting->fd, waiting->events,
+                  limit->tv_sec, limit->tv_nsec);
 }
 ssize_t read(int fd, void* data, size_t size) {
-    if (!FROM_LIBRARY) return REAL(read)(fd, data, size);
-    const Memory memory;
-    const int ordered = answer(1000, "read", fd, size);
-    if (ordered != 1000) return ordered;
-    const std::string frame = current->frames.front();
-    current->frames.pop_front();
-    memcpy(data, frame.data(), frame.size());
-    return static_cast<ssize_t>(frame.size());
+    const auto receive = [=] { return static_cast<int>(REAL(read)(fd, data, size)); };
+    return FROM_LIBRARY ? answer(receive, "read", fd, size) : receive();
 }
 ssize_t write(int fd, const void* data, size_t size) {
     if (!FROM_LIBRARY) return REAL(write)(fd, data, size);
-    if (!isOpen(fd)) return -1;
-    const Memory memory;
-    const std::regex trailingZeros("(00)*$");
-    return answer(static_cast<int>(size), "write", fd, size,
-                  std::regex_replace(hexadecimal(data, size), trailingZeros, ""));
+    const auto send = [=] { return fcntl(fd, F_GETFD) < 0 ? -1 : static_cast<int>(size); };
+    return answer(send, "write", fd, Bytes{data, size});
 }
 
 }  // extern "C"
 
-std::string hexadecimal(const void* data, size_t size) {
+std::ostream& operator<<(std::ostream& out, const Bytes& bytes) {
     std::ostringstream text;
     text << std::hex << std::uppercase << std::setfill('0');
-    for (size_t i = 0; i < size; ++i) text << std::setw(2) << +static_cast<const uint8_t*>(data)[i];
-    return text.str();
+    for (size_t i = 0; i < bytes.size; ++i) {
+        text << std::setw(2) << +static_cast<const uint8_t*>(bytes.data)[i];
+    }
+    return out << bytes.size << ' ' << std::regex_replace(text.str(), std::regex("(00)*$"), "");
 }
 
 std::string bytes(const std::string& hexadecimal, size_t size) {
@@ -216,13 +205,13 @@ std::string bytes(const std::string& hexadecimal, size_t size) {
 
 std::string during(const std::function<int()>& call) {
     record = "\n", locksTaken.clear();
-    answer(0, "=", call());
+    answer(succeed, "=", call());
     return record;
 }
 
 std::string outcome(const std::function<int()>& call) {
     const std::string all = std::regex_replace(during(call), std::regex("\n[a-z]*/[a-z]* "), "\n");
-    return std::regex_replace(all, std::regex("\n(?!log|write|close|=|$)[^\n]*"), "");
+    return std::regex_replace(all, std::regex("\n(?!log|write|close|=)[^\n]+"), "");
 }
 
 static long openDescriptors() {

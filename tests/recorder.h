@@ -22,12 +22,11 @@ struct System {
         int result;
         int error = 0;
     };
-    std::list<Order> orders;
-    std::map<std::string, std::function<void()>> hooks;  // run in every such call, before all else
+    std::list<Order> orders;                              // each waits for the one before it
+    std::function<void(const std::string& line)> onCall;  // is run in every call, before all else
     std::vector<std::pair<unsigned, const char*>> links{{772, "lo"}, {280, "can1"}, {280, "can0"}};
-    int nextSocket = 50;                // CAN sockets get these numbers, counting up
-    int boundTo = 77;                   // the interface index that they say they are bound to
-    std::list<std::string> frames;      // received on any of them
+    int nextSocket = 50;  // CAN sockets get these numbers, counting up; what is written comes back
+    int boundTo = 77;     // the interface index that they say they are bound to
     std::map<const void*, char> locks;  // the library's, named in the order of their first use
 };
 
@@ -42,13 +41,20 @@ protected:
 
 // What a call did and its result, each line after a line end: "TAKEN/HELD NAME ARGUMENTS", with the
 // letters of the locks that the library has taken for the call so far, and of those that it holds.
-// Log records are "log LEVEL MESSAGE", frames their size and bytes without trailing zeros.
+// Log records are "log LEVEL MESSAGE".
 std::string during(const std::function<int()>& call);
 
 // Only its log records, frames, closed sockets and result, without the locks.
 std::string outcome(const std::function<int()>& call);
 
-std::string hexadecimal(const void* data, size_t size);
+// Bytes, given as hexadecimal text and followed by zeros up to the size.
 std::string bytes(const std::string& hexadecimal, size_t size);
+
+// Shown as its size and bytes, in the same way.
+struct Bytes {
+    const void* data;
+    size_t size;
+};
+std::ostream& operator<<(std::ostream& out, const Bytes& bytes);
 
 #endif
