@@ -20,8 +20,8 @@ protected:
 };
 
 TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
-    m_system.links = {{280, "can10"}, {1, "can7"},   {280, "can01"}, {280, ""},    {280, "CAN1"},
-                      {281, "can8"},  {279, "can9"}, {280, "can1"},  {280, "can0"}};
+    m_links = {{280, "can10"}, {1, "can7"},   {280, "can01"}, {280, ""},    {280, "CAN1"},
+               {281, "can8"},  {279, "can9"}, {280, "can1"},  {280, "can0"}};
     m_devices.push_back(handle("can0"));
     ASSERT_TRUE(m_driver->scanDevices(m_devices));
     std::string names;
@@ -39,30 +39,30 @@ TEST_F(HandleTest, AHandleFollowsItsStates) {
     const auto close = [&] { return device->close(), 0; };
     const auto write = [&] { return device->writeMessage(m_msg); };
     const auto read = [&] { return device->readMessage(m_msg, 60000); };
-    const std::string down = "\nlog 2 sudo ip link set can0 down\n= 0\n";
+    const std::string down = "log 2 sudo ip link set can0 down; = 0";
     const std::string notOpen = "\na/a log 4 Failed to write, isOpen:0 fd:-1 handle:0\na/ = 0\n";
     EXPECT_EQ(during(read), "\na/ = 0\n") << "at once, without a message";
     EXPECT_EQ(during(write), notOpen);
     EXPECT_EQ(outcome(close), down);
-    m_system.orders = {{"bind", -1}};
+    m_orders = {{"bind", -1}};
     EXPECT_FALSE(open());
     EXPECT_EQ(during(write), notOpen);
     EXPECT_TRUE(device->open(1, true, 2));
     EXPECT_EQ(during(open), "\na/a log 3 The device is already open!\na/ = 0\n");
-    EXPECT_EQ(outcome(write), "\nwrite 51 72 000000000001\n= 1\n") << "in the mode of before";
-    m_system.orders = {{"system", -1, 10}};
-    EXPECT_EQ(outcome(close), "\nclose 51" + down);
+    EXPECT_EQ(outcome(write), "write 50 72 000000000001; = 1") << "in the mode of before";
+    m_orders = {{"system", -1, 10}};
+    EXPECT_EQ(outcome(close), "close 50; " + down);
     EXPECT_EQ(during(write), notOpen);
     EXPECT_TRUE(open());
-    EXPECT_EQ(outcome(write), "\nwrite 52 16 \n= 1\n");
+    EXPECT_EQ(outcome(write), "write 50 16 ; = 1");
     EXPECT_EQ(during([&] { return device.reset(), 0; }), "\n/ = 0\n") << "it closes nothing";
-    ::close(52);
+    ::close(50);
 }
 
 TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
     for (const std::string name : {"", "-can0", "can0;reboot", "can 0", "c/n", "c:n", "c@n", "c[n",
                                    "c`n", "c{n", "c\xC3\xA4n0", "can4567890123456"}) {
-        m_system.locks.clear();
+        m_locks.clear();
         const auto device = handle(name);
         const std::string refused = "\na/a log 4 interface name refused:" + name + "\na/ = 0\n";
         EXPECT_EQ(during([&] { return device->open(1, false, 1); }), refused);
@@ -81,9 +81,9 @@ TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
     for (const int fd : {-1, -2000, 40, 1024}) {
         desc.fd = fd;
         EXPECT_EQ(outcome([&] { return m_driver->readMessage(desc, m_msg, false, 60000); }),
-                  "\nlog 4 select() error: Bad file descriptor\n= 0\n");
+                  "log 4 select() error: Bad file descriptor; = 0");
         EXPECT_EQ(outcome([&] { return m_driver->writeMessage(desc, m_msg, false); }),
-                  "\nwrite " + std::to_string(fd) +
-                      " 16 \nlog 4 write error:Bad file descriptor(errno=9)\n= 0\n");
+                  "write " + std::to_string(fd) +
+                      " 16 ; log 4 write error:Bad file descriptor(errno=9); = 0");
     }
 }

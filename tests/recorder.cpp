@@ -23,7 +23,7 @@
 
 namespace {
 
-System* current;
+RecorderTest* current;
 // Not destroyed, as the library may be called after the end of main.
 std::string& record = *new std::string;
 std::string& locksTaken = *new std::string;
@@ -52,12 +52,12 @@ int answer(const Usual& usual, const char* name, const Words&... words) {
     std::ostringstream line;
     line << name;
     ((line << ' ' << words), ...);
-    if (current->onCall) current->onCall(line.str());
+    if (current->m_onCall) current->m_onCall(line.str());
     record += locksTaken + '/' + locksHeld + ' ' + line.str() + '\n';
     errno = error;
-    auto& orders = current->orders;
+    auto& orders = current->m_orders;
     if (orders.empty() || line.str().find(orders.front().text) == std::string::npos) return usual();
-    const System::Order order = orders.front();
+    const Order order = orders.front();
     orders.pop_front();
     errno = order.error;
     return order.result;
@@ -66,7 +66,7 @@ int answer(const Usual& usual, const char* name, const Words&... words) {
 // In a CAN socket's place: a datagram socket that is connected to itself.
 int openLoop() {
     const int opened = REAL(socket)(AF_UNIX, SOCK_DGRAM, 0);
-    const int fd = dup2(opened, current->nextSocket++);
+    const int fd = fcntl(opened, F_DUPFD, current->m_firstSocket);
     REAL(close)(opened);
     sockaddr_un own{};
     own.sun_family = AF_UNIX;
@@ -86,8 +86,10 @@ LOG_Helper::LOG_Helper(std::string module, int level, const std::string& file, u
     errno = ENOTTY;  // making a record may change errno
 }
 LOG_Helper::~LOG_Helper() {
+    const Memory memory;
     const bool wellFormed = m_module == "corvel" && m_file.rfind("src/", 0) == 0 && m_line > 0;
-    answer(succeed, wellFormed ? "log" : "malformed log", m_level, m_message.rdbuf());
+    const std::string message = std::regex_replace(m_message.str(), std::regex("\n"), "\\n");
+    answer(succeed, wellFormed ? "log" : "malformed log", m_level, message);
 }
 std::stringstream& LOG_Helper::getSS() {
     return m_message;
@@ -98,16 +100,15 @@ extern "C" {
 int pthread_mutex_lock(pthread_mutex_t* mutex) {
     const Memory memory;
     if (FROM_LIBRARY && current != nullptr) {
-        auto& locks = current->locks;
-        const int next = 'a' + static_cast<int>(locks.size());
-        const char name = locks.emplace(mutex, static_cast<char>(next)).first->second;
+        const auto next = static_cast<char>('a' + current->m_locks.size());
+        const char name = current->m_locks.emplace(mutex, next).first->second;
         locksTaken += name, locksHeld += name;
     }
     return REAL(pthread_mutex_lock)(mutex);
 }
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    if (current != nullptr && current->locks.count(mutex) != 0) {  // perhaps by a tail call
-        locksHeld.erase(locksHeld.find(current->locks[mutex]), 1);
+    if (current != nullptr && current->m_locks.count(mutex) != 0) {  // perhaps by a tail call
+        locksHeld.erase(locksHeld.find(current->m_locks[mutex]), 1);
     }
     return REAL(pthread_mutex_unlock)(mutex);
 }
@@ -125,7 +126,7 @@ int nl_connect(nl_sock*, int protocol) {
 int rtnl_link_alloc_cache(nl_sock*, int family, nl_cache** result) {
     const auto listLinks = [=] {
         nl_cache_alloc_name("route/link", result);
-        for (const auto& [type, name] : current->links) {
+        for (const auto& [type, name] : current->m_links) {
             rtnl_link* const link = rtnl_link_alloc();
             if (*name != '\0') rtnl_link_set_name(link, name);
             rtnl_link_set_ifindex(link, 1 + nl_cache_nitems(*result));
@@ -154,7 +155,7 @@ int bind(int fd, const sockaddr* address, socklen_t size) {
 int getsockname(int, sockaddr* address, socklen_t*) {
     auto* const can = reinterpret_cast<sockaddr_can*>(address);
     can->can_family = AF_CAN;
-    can->can_ifindex = current->boundTo;
+    can->can_ifindex = current->m_boundTo;
     return answer(succeed, "getsockname");
 }
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
@@ -210,8 +211,10 @@ std::string during(const std::function<int()>& call) {
 }
 
 std::string outcome(const std::function<int()>& call) {
-    const std::string all = std::regex_replace(during(call), std::regex("\n[a-z]*/[a-z]* "), "\n");
-    return std::regex_replace(all, std::regex("\n(?!log|write|close|=)[^\n]+"), "");
+    const std::string locks = "\n[a-z]*/[a-z]* ", dropped = locks + "(?!log|write|close|=)[^\n]*";
+    std::string lines = std::regex_replace(during(call), std::regex(dropped), "");
+    lines = std::regex_replace(lines, std::regex(locks), "; ");
+    return lines.substr(2, lines.size() - 3);
 }
 
 static long openDescriptors() {
@@ -219,7 +222,7 @@ static long openDescriptors() {
 }
 
 RecorderTest::RecorderTest() : m_descriptors(openDescriptors()) {
-    current = &m_system;
+    current = this;
 }
 
 RecorderTest::~RecorderTest() {

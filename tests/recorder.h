@@ -14,28 +14,29 @@
 #include "allocations.h"
 #include "corvel/driverforsocketcan.h"
 
-// The system that the library meets during one test. Unless ordered otherwise, all succeeds.
-struct System {
-    // What the next call whose line holds the text gives, with this errno, instead of doing it.
-    struct Order {
-        std::string text;
-        int result;
-        int error = 0;
-    };
-    std::list<Order> orders;                              // each waits for the one before it
-    std::function<void(const std::string& line)> onCall;  // is run in every call, before all else
-    std::vector<std::pair<unsigned, const char*>> links{{772, "lo"}, {280, "can1"}, {280, "can0"}};
-    int nextSocket = 50;  // CAN sockets get these numbers, counting up; what is written comes back
-    int boundTo = 77;     // the interface index that they say they are bound to
-    std::map<const void*, char> locks;  // the library's, named in the order of their first use
+// What the next call whose line holds the text gives, with this errno, instead of doing it.
+struct Order {
+    std::string text;
+    int result;
+    int error = 0;
 };
 
-// Every test has a system of its own, and ends with the descriptors that it began with.
+// Every test has a system of its own, and ends with the descriptors that it began with. Unless
+// ordered otherwise, all succeeds.
 class RecorderTest : public testing::Test {
-protected:
+public:
     RecorderTest();
     ~RecorderTest() override;
-    System m_system;
+
+    std::list<Order> m_orders;                              // each waits for the one before it
+    std::function<void(const std::string& line)> m_onCall;  // runs in every call, before all else
+    std::vector<std::pair<unsigned, const char*>> m_links{
+        {772, "lo"}, {280, "can1"}, {280, "can0"}};
+    int m_firstSocket = 50;  // CAN sockets get the lowest number from here on that is free
+    int m_boundTo = 77;      // the interface index that they say they are bound to
+    std::map<const void*, char> m_locks;  // the library's, named in the order of their first use
+
+private:
     const long m_descriptors;
 };
 
@@ -44,7 +45,7 @@ protected:
 // Log records are "log LEVEL MESSAGE".
 std::string during(const std::function<int()>& call);
 
-// Only its log records, frames, closed sockets and result, without the locks.
+// Only its log records, frames, closed sockets and result, without the locks, separated by "; ".
 std::string outcome(const std::function<int()>& call);
 
 // Bytes, given as hexadecimal text and followed by zeros up to the size.
