@@ -1,10 +1,10 @@
 #!/bin/bash
-# Uses the library as other projects do: installed into a folder, which is then moved; as a part of a
-# project that has targets and rules of its own; and from the packages, which are installed on this
-# machine and removed again. Only these need rights, and are left out where one is installed already.
+# Uses the library as other projects do: in a folder that is moved about; as a part of a project that
+# has targets of its own; and from the packages, which are installed on this machine and removed
+# again. Only this needs rights, and is left out where one is installed already.
 set -eu
 . "$(dirname "$0")/../scripts/common.sh"
-install_packages $build_packages $cpack_packages make man-db
+install_packages $build_packages $cpack_packages make man-db lintian
 root=$PWD
 packages='libtn-corvel libtn-corvel-dev'
 work=$(mktemp -d)
@@ -44,55 +44,40 @@ use() { # PREFIX
     unset LD_LIBRARY_PATH PKG_CONFIG_PATH
 }
 
-build build 'Unix Makefiles' -S "$root" -DCMAKE_CXX_STANDARD=20 -DCORVEL_WERROR=ON
-holds std=c++20 build/compile_commands.json
-quietly cmake --install build --prefix "$work/first"
-mv first moved
-use moved
+quietly "$root/scripts/package.sh"
+lintian --allow-root --fail-on error "$root"/build/package/*.deb
+for package in "$root"/build/package/*.deb; do dpkg-deb -x "$package" unpacked; done
+mv unpacked moved
+use moved/usr
 for words in '0 12345#11' '0 123#112233445566778899' '0 800#' 'x 123#' '0 7FF#R 1 0 9 9' '7 123#'; do
-    ! moved/bin/simcan examples/send $words 2>log || exit 1
+    ! moved/usr/bin/simcan examples/send $words 2>log || exit 1
     holds '^send: ' log
 done
 
-mkdir parent
-cat >parent/CMakeLists.txt <<'CMAKE'
-cmake_minimum_required(VERSION 3.25)
-project(parent C)
-set(BUILD_SHARED_LIBS OFF)
-foreach(name docs send simcan unit_tests)
+cat >parent.cmake <<'CMAKE'
+foreach(name docs simcan unit_tests)
   add_custom_target(${name})
 endforeach()
-if(CMAKE_GENERATOR STREQUAL Ninja)
-  include(FetchContent)
-  FetchContent_Declare(tn_corvel SOURCE_DIR ${ROOT})
-  FetchContent_MakeAvailable(tn_corvel)
-else()
-  add_subdirectory(${ROOT} corvel)
-endif()
-add_executable(monitor ${ROOT}/examples/exchange.c)
-target_link_libraries(monitor tn_corvel::tn_corvel)
-install(TARGETS monitor)
+include(FetchContent)
+FetchContent_Declare(tn_corvel SOURCE_DIR ${ROOT} OVERRIDE_FIND_PACKAGE)
 CMAKE
-for generator in Ninja 'Unix Makefiles'; do
-    build build "$generator" -S parent -DROOT="$root"
-    moved/bin/simcan build/monitor 2>/dev/null | holds -x 'all as expected'
-    holds -x 'CMAKE_BUILD_TYPE:STRING=' build/CMakeCache.txt
-    quietly cmake --install build --prefix "$work/installed"
-    test "$(cd installed && find . -type f)" = ./bin/monitor
-    ! ls build/*.so build/compile_commands.json build/CPackConfig.cmake 2>/dev/null || exit 1
-done
+build inside 'Unix Makefiles' -S "$root/examples" -DROOT="$root" -DBUILD_SHARED_LIBS=OFF \
+    -DCMAKE_PROJECT_TOP_LEVEL_INCLUDES="$work/parent.cmake" \
+    -DCMAKE_CXX_STANDARD=20 -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
+moved/usr/bin/simcan inside/exchange 2>/dev/null | holds -x 'all as expected'
+holds 'std=c++20.*tn_corvel' inside/compile_commands.json
+holds -x 'CMAKE_BUILD_TYPE:STRING=' inside/CMakeCache.txt
+quietly cmake --install inside --prefix "$work/installed"
+! ls installed inside/*.so inside/CPackConfig.cmake 2>/dev/null || exit 1
 ! cmake -S "$root" -B refused -DBUILD_SHARED_LIBS=OFF >/dev/null 2>log || exit 1
 holds 'tn_corvel is a shared library' log
-echo "installed and moved, and built inside another project"
+echo "unpacked and moved, and built inside another project"
 
 leave_out() { echo "packages: $*"; exit 77; }
 for package in $packages; do
     ! dpkg-query -W "$package" 2>/dev/null || leave_out "is installed here, and the test would remove it"
 done
 run_as_root true || leave_out "no right to install any"
-install_packages lintian
-quietly "$root/scripts/package.sh"
-lintian --allow-root --fail-on error "$root"/build/package/*.deb
 remove() { run_as_root apt-get -qq -y purge $packages >/dev/null 2>&1 </dev/null; }
 trap 'remove || true; rm -rf "$work"' EXIT
 run_as_root apt-get -qq -y install "$root"/build/package/*.deb >/dev/null </dev/null
