@@ -107,19 +107,15 @@ TEST_F(ApiTest, UnknownIndexesAndNullRecordsAreRefused) {
 
 // Which call gives which result and errno; the messages; what is closed.
 static const char* const failures = R"(
-system          1792   0 log 4 Command returned non-zero exit code: 7; log 4 error execute system cmd, error:7
 system         65280   0 log 4 Command returned non-zero exit code: 255; log 4 error execute system cmd, error:255
-system             9   0 log 4 Command terminated by signal: 9; log 4 error execute system cmd, error:-1
 system           134   0 log 4 Command terminated by signal: 6; log 4 error execute system cmd, error:-1
 system          4991   0 log 4 Command did not exit normally.\n; log 4 error execute system cmd, error:-1
 system            -1  10 log 4 system() failed, errno: 10 (No child processes); log 4 error execute system cmd, error:-1
-txqueuelen       256   0 log 4 Command returned non-zero exit code: 1; log 4 error execute system cmd, error:1
 txqueuelen         2   0 log 4 Command terminated by signal: 2; log 4 error execute system cmd, error:-1
 29                -1  97 log 4 error while opening socket
 ioctl             -1  19 log 4 error reading index of can0: No such device; close 50
 bind              -1  19 log 4 Error in socket bind; close 50
 setsockopt        -1  92 log 4 Error set CanFD; close 50
-setsockopt         1   0 log 4 Error set CanFD; close 50
 )";
 
 TEST_F(ApiTest, AFailedInitialisationSaysWhyAndLeavesNothing) {
@@ -162,7 +158,6 @@ DEBC1A00 0100000000000000 01 0001 DEBC1A800100000001               write 51 72 D
 23010000 0102000000000000 02 0100 23010040020000000102             log 4 CAN FD does not support remote frames; = 3
 23010000 0000000000000000 09 0202 230100C008                       log 4 CAN FD does not support remote frames; = 3
 23010000 0102030405060708 09 0000 23010000080000000102030405060708 log 4 CAN FD frame refused, len above 8:9; = 3
-23010000 0102030405060708 FF 0000 23010000080000000102030405060708 log 4 CAN FD frame refused, len above 8:255; = 3
 )";
 
 TEST_F(ApiTest, FramesWritten) {
@@ -171,8 +166,8 @@ TEST_F(ApiTest, FramesWritten) {
     for (std::istringstream rows(written); rows >> id >> data >> len >> flags >> classic;) {
         std::getline(rows >> std::ws, canFd);
         _corvel_CanMsg msg;
-        memcpy(&msg, bytes(id + data + len + "09090909090909" + flags, sizeof msg).data(),
-               sizeof msg);
+        const std::string record = bytes(id + data + len + "09090909090909" + flags, sizeof msg);
+        memcpy(&msg, record.data(), sizeof msg);
         EXPECT_EQ(outcome([&] { return corvel_writeMessage(0, &msg); }),
                   "write 50 16 " + classic + "; = 0");
         EXPECT_EQ(outcome([&] { return corvel_writeMessage(1, &msg); }), canFd);
@@ -186,10 +181,8 @@ static const char* const received = R"(
 72 FF07008008000000010203040506070809 FF070080 0102030405060708 08 0001 = 0
 16 FF07004002                         FF070040 0000A5A5A5A5A5A5 02 0100 = 0
 16 DEBC1AC0                           DEBC1AC0 A5A5A5A5A5A5A5A5 00 0101 = 0
-16 80000020FF0000000102030405060708   80000020 0102030405060708 08 0000 = 0
-16 00000000090000000102030405060708   00000000 0102030405060708 08 0000 = 0
+16 80000020090000000102030405060708   80000020 0102030405060708 08 0000 = 0
 72 2301000009                         A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 CAN FD frame dropped, len above 8:9; = 2
-72 2301000040                         A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 CAN FD frame dropped, len above 8:64; = 2
 15 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 15; = 2
 17 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 17; = 2
 71 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 71; = 2
@@ -228,9 +221,9 @@ abc/c setsockopt 50 101 1 8
 abc/c log 4 write error:Network is down(errno=100)
 abc/ = 3
 )") << "a read that lost the kernel's report to the write is told again";
-    m_orders = {{"write 50", -1, 100}, {"getsockname", -1, 9}, {"write 50", -1, 100}};
+    m_orders = {{"write 50", -1, 100}, {"getsockname", -1, 9}};
     EXPECT_EQ(during(send).find("bind"), std::string::npos);
-    m_boundTo = 0;
+    m_orders = {{"write 50", -1, 100}, {"getsockname", 0}};
     EXPECT_EQ(during(send).find("bind"), std::string::npos) << "never to all interfaces";
     m_orders = {
         {"select 50", -1, 4}, {"select 50", 1}, {"read", -1, 100}, {"select 50", 1}, {"read", 0}};
@@ -239,11 +232,10 @@ abc/ = 3
     EXPECT_EQ(outcome(poll), "log 4 invalid CAN frame size: 0; = 2");
 }
 
+static const rlimit enough{1100, 1100}, none{0, 1100};
+
 TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = 1100;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &enough), 0);
     m_firstSocket = 1023;
     ASSERT_EQ(init() + initOther(), 0);
     for (const int fd : {1023, 1024}) deliver(fd, bytes("", 16));
@@ -258,17 +250,14 @@ TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
 
 // A release from within a read, as if by another thread: with descriptors to spare, and none.
 TEST_F(ApiTest, AReleasedNumberStaysTakenUntilTheCallThatItMetIsOver) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    for (const rlim_t number : {limit.rlim_cur, rlim_t{0}}) {
+    for (const rlimit& spare : {enough, none}) {
         EXPECT_EQ(init(), 0);
         m_onCall = [&](const std::string& line) {
             if (line.rfind("select", 0) != 0) return;
-            const rlimit allowed{number, limit.rlim_max};
-            setrlimit(RLIMIT_NOFILE, &allowed);
+            setrlimit(RLIMIT_NOFILE, &spare);
             EXPECT_EQ(release(), 0);
-            setrlimit(RLIMIT_NOFILE, &limit);
-            EXPECT_EQ(fcntl(50, F_GETFD), number > 0 ? FD_CLOEXEC : -1);
+            setrlimit(RLIMIT_NOFILE, &enough);
+            EXPECT_EQ(fcntl(50, F_GETFD), spare.rlim_cur > 0 ? FD_CLOEXEC : -1);
             EXPECT_LT(write(50, "", 1), 0);
         };
         EXPECT_EQ(poll(), 2);
@@ -278,11 +267,10 @@ TEST_F(ApiTest, AReleasedNumberStaysTakenUntilTheCallThatItMetIsOver) {
 
 TEST_F(ApiTest, CyclesLeaveTheHeapAsItWas) {
     size_t heap = 0;
-    const int total = getenv("CORVEL_SHORT") != nullptr ? 200 : 10000;
-    for (int i = -10; i < total && !HasFailure(); ++i) {  // the first make what is made once
+    for (int i = -10; i < 10000 && !HasFailure(); ++i) {  // the first make what is made once
         if (i == 0) heap = mallinfo2().uordblks;
-        EXPECT_EQ(initCanFd() + send() + release(), 0);
-        during(poll);
+        const auto cycle = [] { return initCanFd() + send() + release(); };
+        EXPECT_NE(during(cycle).find("= 0"), std::string::npos);
     }
     EXPECT_EQ(mallinfo2().uordblks, heap);
 }
@@ -323,9 +311,6 @@ static void failEachAllocation(const std::function<void()>& call,
 }
 
 TEST_F(ApiTest, OutOfMemoryLosesAndLeaksNothing) {
-#ifdef THREAD_SANITIZER
-    GTEST_SKIP() << "allocations cannot be made to fail";
-#endif
     const auto isOpen = [] { return fcntl(50, F_GETFD) >= 0; };
     failEachAllocation(init, [&] {
         EXPECT_EQ(send() == 0, isOpen()) << "a device is registered or closed";

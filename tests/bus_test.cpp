@@ -39,11 +39,9 @@ public:
     explicit Repeated(const std::function<bool()>& call)
         : m_thread(std::async(std::launch::async, [=] {
               for (; !m_stop; ++m_done) {
-                  if (call()) {
-                      ++m_succeeded;
-                  } else {
-                      sleep_for(std::chrono::microseconds(200));
-                  }
+                  const bool succeeded = call();
+                  m_succeeded += succeeded;
+                  if (!succeeded) sleep_for(std::chrono::microseconds(200));
               }
           })) {}
     ~Repeated() {

@@ -6,39 +6,36 @@
 
 using corvel::IInterface;
 
-class HandleTest : public RecorderTest {
-protected:
-    std::shared_ptr<IInterface> handle(const std::string& name) const {
-        IInterface::DeviceDesc desc;
-        desc.name = name;
-        return std::make_shared<IInterface>(m_driver, desc);
-    }
-    const std::shared_ptr<corvel::DriverForSocketCan> m_driver =
-        std::make_shared<corvel::DriverForSocketCan>();
-    std::vector<std::shared_ptr<IInterface>> m_devices;
-    _corvel_CanMsg m_msg{};
-};
+using HandleTest = RecorderTest;
+
+static const auto driver = std::make_shared<corvel::DriverForSocketCan>();
+static std::shared_ptr<IInterface> handle(const std::string& name) {
+    IInterface::DeviceDesc desc;
+    desc.name = name;
+    return std::make_shared<IInterface>(driver, desc);
+}
+static _corvel_CanMsg msg{};
 
 TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     m_links = {{280, "can10"}, {1, "can7"},   {280, "can01"}, {280, ""},    {280, "CAN1"},
                {281, "can8"},  {279, "can9"}, {280, "can1"},  {280, "can0"}};
-    m_devices.push_back(handle("can0"));
-    ASSERT_TRUE(m_driver->scanDevices(m_devices));
+    std::vector<std::shared_ptr<IInterface>> devices{handle("can0")};
+    ASSERT_TRUE(driver->scanDevices(devices));
     std::string names;
-    for (const auto& device : m_devices) names += device->name() + ' ';
+    for (const auto& device : devices) names += device->name() + ' ';
     ASSERT_EQ(names, "can0 can10 can01 CAN1 can1 can0 ");
-    EXPECT_EQ(m_driver->getDeviceByIndex(0, m_devices), m_devices[0]);
-    EXPECT_EQ(m_driver->getDeviceByIndex(1, m_devices), m_devices[4]);
-    EXPECT_EQ(m_driver->getDeviceByIndex(10, m_devices), m_devices[1]);
-    EXPECT_EQ(m_driver->getDeviceByIndex(7, m_devices), nullptr);
+    EXPECT_EQ(driver->getDeviceByIndex(0, devices), devices[0]);
+    EXPECT_EQ(driver->getDeviceByIndex(1, devices), devices[4]);
+    EXPECT_EQ(driver->getDeviceByIndex(10, devices), devices[1]);
+    EXPECT_EQ(driver->getDeviceByIndex(7, devices), nullptr);
 }
 
 TEST_F(HandleTest, AHandleFollowsItsStates) {
     auto device = handle("can0");
     const auto open = [&] { return device->open(1, false, 2); };
     const auto close = [&] { return device->close(), 0; };
-    const auto write = [&] { return device->writeMessage(m_msg); };
-    const auto read = [&] { return device->readMessage(m_msg, 60000); };
+    const auto write = [&] { return device->writeMessage(msg); };
+    const auto read = [&] { return device->readMessage(msg, 60000); };
     const std::string down = "log 2 sudo ip link set can0 down; = 0";
     const std::string notOpen = "\na/a log 4 Failed to write, isOpen:0 fd:-1 handle:0\na/ = 0\n";
     EXPECT_EQ(during(read), "\na/ = 0\n") << "at once, without a message";
@@ -62,16 +59,15 @@ TEST_F(HandleTest, AHandleFollowsItsStates) {
 TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
     for (const std::string name : {"", "-can0", "can0;reboot", "can 0", "c/n", "c:n", "c@n", "c[n",
                                    "c`n", "c{n", "c\xC3\xA4n0", "can4567890123456"}) {
-        m_locks.clear();
         const auto device = handle(name);
-        const std::string refused = "\na/a log 4 interface name refused:" + name + "\na/ = 0\n";
-        EXPECT_EQ(during([&] { return device->open(1, false, 1); }), refused);
-        EXPECT_EQ(during([&] { return device->close(), 0; }), refused);
+        const std::string refused = "log 4 interface name refused:" + name + "; = 0";
+        EXPECT_EQ(outcome([&] { return device->open(1, false, 1); }), refused);
+        EXPECT_EQ(outcome([&] { return device->close(), 0; }), refused);
     }
     for (const char* const name : {"can456789012345", "a-Z.9_z0A"}) {
         const auto device = handle(name);
-        const std::string index = std::string("35123 ") + name + '\n';
-        EXPECT_NE(during([&] { return device->open(1, false, 1); }).find(index), std::string::npos);
+        const std::string opened = during([&] { return device->open(1, false, 1); });
+        EXPECT_NE(opened.find(std::string("35123 ") + name + '\n'), std::string::npos);
         device->close();
     }
 }
@@ -80,9 +76,9 @@ TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
     IInterface::DeviceDesc desc;
     for (const int fd : {-1, -2000, 40, 1024}) {
         desc.fd = fd;
-        EXPECT_EQ(outcome([&] { return m_driver->readMessage(desc, m_msg, false, 60000); }),
+        EXPECT_EQ(outcome([&] { return driver->readMessage(desc, msg, false, 60000); }),
                   "log 4 select() error: Bad file descriptor; = 0");
-        EXPECT_EQ(outcome([&] { return m_driver->writeMessage(desc, m_msg, false); }),
+        EXPECT_EQ(outcome([&] { return driver->writeMessage(desc, msg, false); }),
                   "write " + std::to_string(fd) +
                       " 16 ; log 4 write error:Bad file descriptor(errno=9); = 0");
     }

@@ -39,9 +39,7 @@ bool isLibrary(const void* caller) {
     return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "libtn_corvel") != nullptr;
 }
 
-int succeed() {
-    return 0;
-}
+const auto succeed = [] { return 0; };
 
 // Records a call, and gives what is ordered for it, or else what `usual` does.
 template <typename Usual, typename... Words>
@@ -148,10 +146,11 @@ int bind(int fd, const sockaddr* address, socklen_t size) {
     return answer(succeed, "bind", fd, Bytes{address, size});
 }
 int getsockname(int, sockaddr* address, socklen_t*) {
-    auto* const can = reinterpret_cast<sockaddr_can*>(address);
-    can->can_family = AF_CAN;
-    can->can_ifindex = current->m_boundTo;
-    return answer(succeed, "getsockname");
+    const auto getAddress = [=] {
+        *reinterpret_cast<sockaddr_can*>(address) = {AF_CAN, 77, {}};
+        return 0;
+    };
+    return answer(getAddress, "getsockname");
 }
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
     return answer(succeed, "setsockopt", fd, level, option, Bytes{value, size});

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "allocations.h"
+#include "../bench/allocations.h"
 #include "corvel/driverforsocketcan.h"
 
 // What the next call whose line holds the text gives, with this errno, instead of doing it.
@@ -33,7 +33,6 @@ public:
     std::vector<std::pair<unsigned, const char*>> m_links{
         {772, "lo"}, {280, "can1"}, {280, "can0"}};
     int m_firstSocket = 50;  // CAN sockets get the lowest number from here on that is free
-    int m_boundTo = 77;      // the interface index that they say they are bound to
     std::map<const void*, char> m_locks;  // the library's, named in the order of their first use
 
 private:
