@@ -139,7 +139,7 @@ TEST_F(ApiTest, ASocketLeavesTheNumbersOfTheStandardStreamsAlone) {
     const int streams[] = {dup(0), dup(1), dup(2)};
     for (const int number : {0, 2}) {
         close(m_firstSocket = number);
-        EXPECT_EQ(init(), 0);
+        EXPECT_NE(during(init).find("close " + std::to_string(number)), std::string::npos);
         EXPECT_EQ(fcntl(number, F_GETFD), -1);
         EXPECT_EQ(outcome(send).find("write " + std::to_string(number)), std::string::npos);
         EXPECT_EQ(release(), 0);

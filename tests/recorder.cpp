@@ -66,9 +66,10 @@ int openPipe() {
     pipe(ends);
     const std::string both = "/proc/self/fd/" + std::to_string(ends[0]);
     const int opened = open(both.c_str(), O_RDWR);
+    fcntl(opened, F_SETFL, O_DIRECT);
+    for (const int end : ends) REAL(close)(end);
     const int fd = fcntl(opened, F_DUPFD, current->m_firstSocket);
-    fcntl(fd, F_SETFL, O_DIRECT);
-    for (const int other : {ends[0], ends[1], opened}) REAL(close)(other);
+    REAL(close)(opened);
     return fd;
 }
 
