@@ -27,9 +27,6 @@ static int receive() {
     return corvel_readMessage(index, &msg, timeout);
 }
 static const auto poll = receive<0, 0>;
-static void deliver(int fd, const std::string& frame) {
-    ASSERT_EQ(write(fd, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-}
 
 static const std::string scanned = R"(
 aa/ nl_socket_alloc
@@ -69,7 +66,7 @@ TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
     EXPECT_EQ(fcntl(50, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(during(init), "\na/a log 4 Failed open Corvel.The device is already open.\na/ = 1\n");
     EXPECT_EQ(during(send), "\nabc/c write 50 16 2301000003000000010203\nabc/ = 0\n");
-    deliver(50, bytes("", 16));
+    write(50, bytes("", 16).data(), 16);
     EXPECT_EQ(during(receive<0, 1500>), "\nabd/d select 50 1 500000\nabd/d read 50 72\nabd/ = 0\n");
     EXPECT_EQ(during(release), released);
     EXPECT_EQ(during(release), "\na/a log 3 Free failed,No such device\na/ = 1\n");
@@ -195,7 +192,7 @@ TEST_F(ApiTest, FramesReadInEitherMode) {
     for (std::istringstream rows(received); rows >> size >> frame >> id >> data >> len >> flags;) {
         std::getline(rows >> std::ws, expected);
         for (const int32_t index : {0, 1}) {
-            deliver(50 + index, bytes(frame, size));
+            write(50 + index, bytes(frame, size).data(), size);
             _corvel_CanMsg msg;
             memset(&msg, 0xA5, sizeof msg);
             EXPECT_EQ(outcome([&] { return corvel_readMessage(index, &msg, 9); }), expected);
@@ -238,7 +235,7 @@ TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &enough), 0);
     m_firstSocket = 1023;
     ASSERT_EQ(init() + initOther(), 0);
-    for (const int fd : {1023, 1024}) deliver(fd, bytes("", 16));
+    for (const int fd : {1023, 1024}) write(fd, bytes("", 16).data(), 16);
     EXPECT_EQ(during(receive<0, 4294967295>),
               "\nabd/d select 1023 4294967 295000\nabd/d read 1023 72\nabd/ = 0\n");
     EXPECT_EQ(during(receive<1, 4294967295>),

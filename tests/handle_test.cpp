@@ -82,4 +82,7 @@ TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
                   "write " + std::to_string(fd) +
                       " 16 ; log 4 write error:Bad file descriptor(errno=9); = 0");
     }
+    desc.fd = 0;
+    m_orders = {{"select 0", 0}};
+    EXPECT_EQ(driver->readMessage(desc, msg, false, 1) + m_orders.size(), 0);
 }
