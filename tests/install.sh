@@ -2,7 +2,8 @@
 # Uses the library as other projects do: in a folder that is moved about; as a part of a project that
 # has targets of its own; and from the packages, which are installed on this machine and removed
 # again. Only this needs rights, and is left out where one is installed already.
-set -eu
+set -eEu
+trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
 . "$(dirname "$0")/../scripts/common.sh"
 install_packages $build_packages $cpack_packages make man-db lintian
 root=$PWD
@@ -29,9 +30,8 @@ use() { # PREFIX
     "$1/bin/simcan" ./ping 2>/dev/null | holds '^identifier 123, 3 bytes'
 
     cc "$examples/send.c" -o send $(pkg-config --cflags --libs tn_corvel)
-    : >err
-    "$1/bin/simcan" python3 "$examples/monitor.py" 1 >frames 2>err &
-    eventually grep -q 'Successfully opened' err
+    "$1/bin/simcan" python3 "$examples/monitor.py" 1 >frames 2>examples/err &
+    eventually grep -q 'Successfully opened' examples/err
     for frame in 123#11.22.33 1ABCDEF0# 7FF#R2; do "$1/bin/simcan" ./send 0 $frame 2>/dev/null; done
     eventually grep -q R2 frames
     kill -TERM $!
@@ -68,7 +68,7 @@ moved/usr/bin/simcan inside/exchange 2>/dev/null | holds -x 'all as expected'
 holds 'std=c++20.*tn_corvel' inside/compile_commands.json
 holds -x 'CMAKE_BUILD_TYPE:STRING=' inside/CMakeCache.txt
 quietly cmake --install inside --prefix "$work/installed"
-! ls installed inside/*.so inside/CPackConfig.cmake 2>/dev/null || exit 1
+for file in installed inside/*.so inside/CPackConfig.cmake; do test ! -e "$file"; done
 ! cmake -S "$root" -B refused -DBUILD_SHARED_LIBS=OFF >/dev/null 2>log || exit 1
 holds 'tn_corvel is a shared library' log
 
@@ -82,5 +82,5 @@ trap 'remove || true; rm -rf "$work"' EXIT
 run_as_root apt-get -qq -y install "$root"/build/package/*.deb >/dev/null </dev/null
 use /usr
 remove
-! ls -d /usr/bin/simcan /usr/include/*corvel* /usr/lib/*/tn_corvel /usr/share/doc/libtn-corvel* 2>/dev/null || exit 1
+for file in /usr/bin/simcan /usr/include/*corvel* /usr/lib/*/tn_corvel /usr/share/doc/libtn-corvel*; do test ! -e "$file"; done
 echo "packages installed, used and removed"
