@@ -139,7 +139,7 @@ void nl_close(nl_sock*) {
 int socket(int domain, int type, int protocol) {
     return answer(openPipe, "socket", domain, type, protocol);
 }
-int ioctl(int fd, unsigned long request, ifreq* argument) {
+int ioctl(int fd, unsigned long request, ifreq* argument) {  // variadic in its header
     argument->ifr_ifindex = 77;
     return answer(succeed, "ioctl", fd, request, argument->ifr_name);
 }
