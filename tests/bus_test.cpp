@@ -135,7 +135,7 @@ TEST_F(BusTest, ACutLinkEndsOneReadAndAReleaseTheNext) {
     WaitingRead().endsWhen("released, link down already", [] { return corvel_freeDLL(0); });
 }
 
-// Writes on a link that is down do not take from reads what tells them so.
+// Writes without pause on a link that goes down do not take from reads what tells them so.
 TEST_F(BusTest, NoCallHangsWhileTheLinkGoesDownAndTheDeviceIsReleased) {
     openBoth();
     const Repeated reader([] { return read(0, 20) == 0; }), writer([] { return write(0), true; });
