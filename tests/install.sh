@@ -82,5 +82,5 @@ trap 'remove || true; rm -rf "$work"' EXIT
 run_as_root apt-get -qq -y install "$root"/build/package/*.deb >/dev/null </dev/null
 use /usr
 remove
-for file in /usr/bin/simcan /usr/include/*corvel* /usr/lib/*/tn_corvel /usr/share/doc/libtn-corvel*; do test ! -e "$file"; done
+for file in /usr/{bin/simcan,include/*corvel*,lib/*/tn_corvel,share/doc/libtn-corvel*}; do test ! -e "$file"; done
 echo "packages installed, used and removed"
