@@ -1,6 +1,7 @@
 #include "corvel/iinterface.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <utility>
@@ -33,10 +34,10 @@ struct IInterface::Opening {
     }
 
     // Moves the file to a new descriptor, for the driver to close, and keeps the old number taken
-    // by a file on which no select waits and every read and write fails: a folder. Without
-    // descriptors to spare `fd` stays as it is.
+    // by a file on which no select waits and every read and write fails: a socket that is connected
+    // to nothing. Without descriptors to spare `fd` stays as it is.
     void retire(int& fd) {
-        const int dead = ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int dead = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const int moved = dead < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         if (moved >= 0) {
             ::dup3(dead, fd, O_CLOEXEC);
@@ -67,11 +68,8 @@ void IInterface::close() {
     std::lock_guard<std::mutex> lock(m_stateMutex);
     m_isOpen = false;  // first, so that it holds even when the driver throws
     std::shared_ptr<Opening> opening = std::move(m_opening);
-    if (opening.use_count() > 1) {  // calls in progress use the number; no new ones can begin
-        opening->retire(m_desc.fd);
-    } else {
-        opening.reset();
-    }
+    // Calls in progress use the number; no new ones can begin.
+    if (opening.use_count() > 1) opening->retire(m_desc.fd);
     m_driver->close(m_desc);
 }
 
