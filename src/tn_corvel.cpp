@@ -22,27 +22,42 @@ static_assert(offsetof(_corvel_CanMsg, remote) == 20 && offsetof(_corvel_CanMsg,
 
 namespace {
 
-std::mutex m_mutex;  // guards what lasts; never held while a driver or a handle is called
+std::mutex m_mutex;  // guards the registry and `driver`; never held while either is called
 
-// Keeps a value where nothing destroys it. It is emptied when the library is unloaded or the
-// process ends, but stays usable: other threads and exit handlers may still call then.
+// An object that no destructor runs on: calls of other threads and of exit handlers may still come
+// when the library has been unloaded or the process has ended.
 template <typename T>
-T& lasting(T value) {
-    alignas(T) static unsigned char storage[sizeof(T)];
-    static T& kept = *new (storage) T(std::move(value));
-    static const struct Emptier {
-        ~Emptier() {
-            T last;
-            std::lock_guard<std::mutex> lock(m_mutex);
-            last.swap(kept);
-        }
-    } emptier;
-    return kept;
-}
+class NoDestructor {
+public:
+    explicit NoDestructor(T value) noexcept { new (m_storage) T(std::move(value)); }
+    T& operator*() noexcept { return *std::launder(reinterpret_cast<T*>(m_storage)); }
+    T* operator->() noexcept { return &**this; }
 
-auto& m_devMap = lasting(std::map<unsigned int, std::shared_ptr<IInterface>>());
+private:
+    alignas(T) unsigned char m_storage[sizeof(T)];
+};
 
-std::shared_ptr<IDriver> copy(const std::shared_ptr<IDriver>& driver) {
+// Empties such an object at that time. It waits for no lock: the thread that holds it may be
+// blocked, or be one that a forked child does not have. Then the object keeps what it holds.
+template <typename T>
+class EmptiedAtExit {
+public:
+    explicit EmptiedAtExit(T& object) noexcept : m_object(object) {}
+    ~EmptiedAtExit() {
+        T last{};
+        const std::unique_lock<std::mutex> lock(m_mutex, std::try_to_lock);
+        if (lock) last.swap(m_object);
+    }
+
+private:
+    T& m_object;
+};
+
+using Registry = std::map<unsigned int, std::shared_ptr<IInterface>>;
+NoDestructor<Registry> m_devMap{Registry()};
+const EmptiedAtExit<Registry> emptiesRegistry(*m_devMap);
+
+std::shared_ptr<IDriver> share(const std::shared_ptr<IDriver>& driver) {
     std::lock_guard<std::mutex> lock(m_mutex);
     return driver;
 }
@@ -60,8 +75,8 @@ CORVEL_COLD int32_t logFailure(const char* text, int32_t status) {
 // The device registered under devIndex, or an empty pointer after logging `refusal`.
 std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const auto found = m_devMap.find(static_cast<unsigned int>(devIndex));
-    if (found != m_devMap.end()) return found->second;
+    const auto found = m_devMap->find(static_cast<unsigned int>(devIndex));
+    if (found != m_devMap->end()) return found->second;
     logRefusal(refusal);
     return nullptr;
 }
@@ -69,7 +84,7 @@ std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal) {
 // The same, and takes it out of the registry.
 std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* refusal) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const auto entry = m_devMap.extract(static_cast<unsigned int>(devIndex));
+    const auto entry = m_devMap->extract(static_cast<unsigned int>(devIndex));
     if (!entry.empty()) return entry.mapped();
     logRefusal(refusal);
     return nullptr;
@@ -80,7 +95,7 @@ std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* refusal) {
 void registerDevice(unsigned int index, const std::shared_ptr<IInterface>& device) {
     CORVEL_LOG(progress) << "Successfully opened Corvel.";
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_devMap[index] = device;
+    (*m_devMap)[index] = device;
 }
 
 }  // namespace
@@ -89,15 +104,16 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
     const auto index = static_cast<unsigned int>(devIndex);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_devMap.count(index) != 0) {
+        if (m_devMap->count(index) != 0) {
             CORVEL_LOG(failure) << "Failed open Corvel.The device is already open.";
             return CORVEL_NO_DEVICE;
         }
     }
 
-    static std::shared_ptr<IDriver>& driver =
-        lasting<std::shared_ptr<IDriver>>(std::make_shared<corvel::DriverForSocketCan>());
-    const std::shared_ptr<IDriver> used = copy(driver);
+    static NoDestructor<std::shared_ptr<IDriver>> driver(
+        std::make_shared<corvel::DriverForSocketCan>());
+    static const EmptiedAtExit<std::shared_ptr<IDriver>> emptiesDriver(*driver);
+    const std::shared_ptr<IDriver> used = share(*driver);
     if (!used) return CORVEL_NO_DEVICE;  // the process is ending
     std::vector<std::shared_ptr<IInterface>> devices;
     if (!used->scanDevices(devices)) {
