@@ -40,10 +40,20 @@ struct CacheDeleter {
     void operator()(nl_cache* cache) const { ::nl_cache_free(cache); }
 };
 
-void closeSocket(int* fd) {
-    if (*fd != -1) ::close(*fd);
-    *fd = -1;
+void closeSocket(int& fd) {
+    if (fd != -1) ::close(fd);
+    fd = -1;
 }
+
+// Closes a new socket again unless it gets ready, whatever ends the opening.
+struct NewSocket {
+    int& fd;
+    bool isReady = false;
+
+    ~NewSocket() {
+        if (!isReady) closeSocket(fd);
+    }
+};
 
 // Interface names become part of a shell command, and of a structure that holds 15 characters.
 bool isAcceptable(const std::string& name) {
@@ -66,42 +76,46 @@ bool configure(const DriverForSocketCan& driver, const std::string& command) {
     return false;
 }
 
-bool bindSocket(int fd, const std::string& name) {
+int bindTo(int fd, int ifindex) {
+    sockaddr_can address{};
+    address.can_family = AF_CAN;
+    address.can_ifindex = ifindex;
+    return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), addressLength);
+}
+
+ifreq requestFor(const std::string& name) {
     ifreq request{};
     name.copy(request.ifr_name, IFNAMSIZ - 1);
+    return request;
+}
+
+bool bindSocket(int fd, const std::string& name) {
+    ifreq request = requestFor(name);
     if (::ioctl(fd, SIOCGIFINDEX, &request) < 0) {
         const int error = errno;
         CORVEL_LOG(failure) << "error reading index of " << name << ": " << std::strerror(error);
         return false;
     }
-    sockaddr_can address{};
-    address.can_family = AF_CAN;
-    address.can_ifindex = request.ifr_ifindex;
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), addressLength) < 0) {
+    if (bindTo(fd, request.ifr_ifindex) < 0) {
         CORVEL_LOG(failure) << "Error in socket bind";
         return false;
     }
     return true;
 }
 
-// Makes the kernel report once more that the link of a bound socket is down, if it is. It does so
-// when a socket is bound, but passes over a binding to where the socket is already; so the socket
-// is bound to every interface first, with a filter meanwhile that lets no frame of theirs through.
-void reportLinkDown(int fd) {
-    sockaddr_can address{};
-    socklen_t size = sizeof address;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
-        address.can_ifindex == 0 ||  // the interface is gone
-        ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, nullptr, 0) != 0) {
+// Ends reads that wait on a socket whose link is down already, just before it is closed: the kernel
+// reports a link that is down when a socket is bound to it, but passes over a binding to where the
+// socket is. So the socket is bound to every interface in between, with a filter that lets no frame
+// through. A link that is up is left alone: its going down will be reported.
+void reportLinkDown(int fd, const std::string& name) {
+    const can_filter nothing{};
+    ifreq request = requestFor(name);
+    if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_UP) != 0 ||
+        ::ioctl(fd, SIOCGIFINDEX, &request) != 0 ||
+        ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, &nothing, 0) != 0 || bindTo(fd, 0) != 0) {
         return;
     }
-    const sockaddr_can own = address;
-    address.can_ifindex = 0;
-    for (const sockaddr_can& to : {address, own}) {
-        ::bind(fd, reinterpret_cast<const sockaddr*>(&to), addressLength);
-    }
-    const can_filter everything{};
-    ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, &everything, sizeof everything);
+    bindTo(fd, request.ifr_ifindex);  // fails where the adapter is removed at this moment
 }
 
 // A descriptor above those of standard input, output and error in the place of `fd`: what the
@@ -159,11 +173,8 @@ CORVEL_COLD bool frameError(const char* text) {
     return false;
 }
 
-// The kernel reports once that a link went down. When a write learns of it, a read that select has
-// woken for it would wait for a frame that does not come.
-CORVEL_COLD bool writeError(int fd) {
+CORVEL_COLD bool writeError() {
     const int error = errno;
-    if (error == ENETDOWN) reportLinkDown(fd);  // first, before the link can be up again
     CORVEL_LOG(failure) << "write error:" << std::strerror(error) << "(errno=" << error << ")";
     return false;
 }
@@ -181,7 +192,7 @@ CORVEL_COLD bool frameRefused(const char* text, ssize_t number) {
 template <typename Frame>
 bool writeFrame(int fd, const Frame& frame) {
     if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
-    return writeError(fd);
+    return writeError();
 }
 
 }  // namespace
@@ -262,17 +273,15 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
         CORVEL_LOG(failure) << "error while opening socket";
         return false;
     }
-    std::unique_ptr<int, decltype(&closeSocket)> socket(&desc.fd, closeSocket);
+    NewSocket socket{desc.fd};
     ::fcntl(desc.fd, F_SETFD, FD_CLOEXEC);  // programs the application starts stay off the bus
-    if (!bindSocket(desc.fd, desc.name)) return false;
-    if (canFd && !enableCanFd(desc.fd)) return false;
-    socket.release();
-    return true;
+    socket.isReady = bindSocket(desc.fd, desc.name) && (!canFd || enableCanFd(desc.fd));
+    return socket.isReady;
 }
 
 void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
-    if (desc.fd != -1) reportLinkDown(desc.fd);  // a read may wait on a link that is down already
-    closeSocket(&desc.fd);
+    if (desc.fd != -1) reportLinkDown(desc.fd, desc.name);
+    closeSocket(desc.fd);
     if (!isAcceptable(desc.name)) return;
     const std::string down = "sudo ip link set " + desc.name + " down";
     CORVEL_LOG(progress) << down;

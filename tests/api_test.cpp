@@ -41,16 +41,12 @@ static const std::string upCanFd =
     "sample-point 0.75 restart-ms 0 fd on";
 static const std::string bound = R"(
 aab/b socket 29 3 1
-aab/b ioctl 50 35123 can0
+aab/b ioctl 50 index can0
 aab/b bind 50 16 1D0000004D
 )";
 static const std::string registered = "aab/ log 2 Successfully opened Corvel.\naaba/ = 0\n";
 static const std::string released = R"(
-ab/b getsockname
-ab/b setsockopt 50 101 1 0 
-ab/b bind 50 16 1D
-ab/b bind 50 16 1D0000004D
-ab/b setsockopt 50 101 1 8 
+ab/b ioctl 50 flags can0
 ab/b close 50
 ab/b log 2 sudo ip link set can0 down
 ab/b system sudo ip link set can0 down
@@ -71,6 +67,23 @@ TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
     EXPECT_EQ(during(release), released);
     EXPECT_EQ(during(release), "\na/a log 3 Free failed,No such device\na/ = 1\n");
     EXPECT_EQ(init(), 0) << "a released index is free";
+}
+
+// A read may wait on a link that is down: it is told by binding the socket anew. What comes after a
+// call that fails is left out, so that no frame of another interface is let in.
+TEST_F(ApiTest, AReleaseReportsALinkThatIsDownAlready) {
+    m_linkIsUp = false;
+    const std::string calls[] = {"ab/b ioctl 50 flags can0", "ab/b ioctl 50 index can0",
+                                 "ab/b setsockopt 50 101 1 0 ", "ab/b bind 50 16 1D",
+                                 "ab/b bind 50 16 1D0000004D"};
+    std::string expected = "\n";
+    for (const std::string& call : calls) {
+        m_locks.clear();  // named anew for each device
+        ASSERT_EQ(init(), 0);
+        expected += call + '\n';
+        m_orders = {{call.substr(5), -1, 19}};
+        EXPECT_EQ(during(release), expected + released.substr(released.find("ab/b close")));
+    }
 }
 
 TEST_F(ApiTest, ACanFdDeviceFromInitialisationToRelease) {
@@ -210,18 +223,9 @@ TEST_F(ApiTest, FramesThatFail) {
     EXPECT_EQ(outcome(send), write + "No space left on device(errno=28); = 3");
     EXPECT_EQ(during(send), R"(
 abc/c write 50 16 2301000003000000010203
-abc/c getsockname
-abc/c setsockopt 50 101 1 0 
-abc/c bind 50 16 1D
-abc/c bind 50 16 1D0000004D
-abc/c setsockopt 50 101 1 8 
 abc/c log 4 write error:Network is down(errno=100)
 abc/ = 3
-)") << "a read that lost the kernel's report to the write is told again";
-    m_orders = {{"write 50", -1, 100}, {"getsockname", -1, 9}};
-    EXPECT_EQ(during(send).find("bind"), std::string::npos);
-    m_orders = {{"write 50", -1, 100}, {"getsockname", 0}};
-    EXPECT_EQ(during(send).find("bind"), std::string::npos) << "never to all interfaces";
+)");
     m_orders = {
         {"select 50", -1, 4}, {"select 50", 1}, {"read", -1, 100}, {"select 50", 1}, {"read", 0}};
     EXPECT_EQ(outcome(poll), "log 4 select() error: Interrupted system call; = 2");

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/can.h>
+#include <linux/sockios.h>
 #include <net/if.h>
 #include <netlink/cache.h>
 #include <netlink/route/link.h>
@@ -73,6 +74,13 @@ int openPipe() {
     return fd;
 }
 
+void noteLock(const void* mutex) {
+    const Memory memory;
+    const auto next = static_cast<char>('a' + current->m_locks.size());
+    const char name = current->m_locks.emplace(mutex, next).first->second;
+    locksTaken += name, locksHeld += name;
+}
+
 }  // namespace
 
 LOG_Helper::LOG_Helper(std::string module, int level, const std::string& file, unsigned int line)
@@ -92,13 +100,12 @@ std::stringstream& LOG_Helper::getSS() {
 extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) {
-    const Memory memory;
-    if (FROM_LIBRARY && current != nullptr) {
-        const auto next = static_cast<char>('a' + current->m_locks.size());
-        const char name = current->m_locks.emplace(mutex, next).first->second;
-        locksTaken += name, locksHeld += name;
-    }
+    if (FROM_LIBRARY && current != nullptr) noteLock(mutex);
     return REAL(pthread_mutex_lock)(mutex);
+}
+int pthread_mutex_trylock(pthread_mutex_t* mutex) {
+    if (FROM_LIBRARY && current != nullptr) noteLock(mutex);
+    return REAL(pthread_mutex_trylock)(mutex);
 }
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     if (current != nullptr && current->m_locks.count(mutex) != 0) {  // perhaps by a tail call
@@ -137,21 +144,20 @@ void nl_close(nl_sock*) {
 }
 
 int socket(int domain, int type, int protocol) {
+    if (domain != PF_CAN) return REAL(socket)(domain, type, protocol);
     return answer(openPipe, "socket", domain, type, protocol);
 }
 int ioctl(int fd, unsigned long request, ifreq* argument) {  // variadic in its header
-    argument->ifr_ifindex = 77;
-    return answer(succeed, "ioctl", fd, request, argument->ifr_name);
+    const std::string name = argument->ifr_name;
+    if (request == SIOCGIFINDEX) argument->ifr_ifindex = 77;
+    if (request == SIOCGIFFLAGS) argument->ifr_flags = current->m_linkIsUp ? IFF_UP : 0;
+    const char* const asked = request == SIOCGIFINDEX   ? "index"
+                              : request == SIOCGIFFLAGS ? "flags"
+                                                        : "unknown";
+    return answer(succeed, "ioctl", fd, asked, name);
 }
 int bind(int fd, const sockaddr* address, socklen_t size) {
     return answer(succeed, "bind", fd, Bytes{address, size});
-}
-int getsockname(int, sockaddr* address, socklen_t*) {
-    const auto getAddress = [=] {
-        *reinterpret_cast<sockaddr_can*>(address) = {AF_CAN, 77, {}};
-        return 0;
-    };
-    return answer(getAddress, "getsockname");
 }
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
     return answer(succeed, "setsockopt", fd, level, option, Bytes{value, size});

@@ -32,6 +32,7 @@ public:
     std::function<void(const std::string& line)> m_onCall;  // runs in every call, before all else
     std::vector<std::pair<unsigned, const char*>> m_links{
         {772, "lo"}, {280, "can1"}, {280, "can0"}};
+    bool m_linkIsUp = true;
     int m_firstSocket = 50;  // CAN sockets get the lowest number from here on that is free
     std::map<const void*, char> m_locks;  // the library's, named in the order of their first use
 

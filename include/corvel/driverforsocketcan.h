@@ -10,8 +10,7 @@
 namespace corvel {
 
 /// The driver for Linux SocketCAN: lists links over netlink, configures them with `ip` under
-/// `sudo`, and moves frames through raw CAN sockets. It has no state, so all its operations may run
-/// on any threads at once.
+/// `sudo`, and moves frames through raw CAN sockets. It has no state of its own.
 class CORVEL_API DriverForSocketCan final : public IDriver {
 public:
     /// Lists every link of the CAN hardware type, whatever its name and state.
@@ -29,8 +28,8 @@ public:
               unsigned int dbitrate) override;
 
     /// Closes the socket and takes the link down; whether that succeeds is not examined. A read or
-    /// write that still waits on the socket comes back once the link is down, or at once when it
-    /// was down before. Runs no command for a name that open() refuses.
+    /// write that still waits on the socket returns when the link is down, or at once when it was
+    /// down before. Runs no command for a name that open() refuses.
     void close(IInterface::DeviceDesc& desc) override;
 
     /// Accepts classic and CAN FD frames in either mode. A CAN FD frame of more than 8 bytes does
@@ -40,8 +39,7 @@ public:
 
     /// One write: fails when the transmit queue is full, waits when the socket's send buffer is. In
     /// CAN FD mode every frame is sent as a CAN FD frame with bit-rate switch; remote frames and
-    /// more than 8 bytes are refused. When it fails because the link is down, a read that waits on
-    /// the same socket is told too.
+    /// more than 8 bytes are refused.
     bool writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg& msg,
                       bool canFd) override;
 
