@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <locale>
 #include <utility>
 
 namespace {
@@ -34,7 +35,9 @@ std::string onOneLine(const std::string& message) {
 }  // namespace
 
 LOG_Helper::LOG_Helper(std::string module, int level, const std::string& file, unsigned int line)
-    : m_module(std::move(module)), m_level(level), m_file(file), m_line(line) {}
+    : m_module(std::move(module)), m_level(level), m_file(file), m_line(line) {
+    m_message.imbue(std::locale::classic());  // numbers as they are, whatever the application's
+}
 
 LOG_Helper::~LOG_Helper() {
     const int error = errno;
@@ -44,8 +47,7 @@ LOG_Helper::~LOG_Helper() {
                                    std::to_string(m_line) + ")\n";
         [[maybe_unused]] const ssize_t ignored =
             ::write(STDERR_FILENO, record.data(), record.size());
-    } catch (...) {
-        // A destructor has nobody to tell.
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
     }
     errno = error;
 }
