@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Emulates USB-to-CAN adapters, one for each serial number given, which the kernel's driver gs_usb
-serves, joined by one bus: usb_adapters.py SERIAL... An adapter is pulled out by writing its serial number
-to standard input.
+serves: usb_adapters.py SERIAL... Those whose serial numbers begin with the same letter are on one bus.
+Writing a serial number to standard input pulls the adapter out, or plugs it in again.
 
-Adapters without a partner on the bus are not acknowledged: their frames wait. At another bit rate than the
-rest, an adapter that sends goes bus-off.
+An adapter without a partner on its bus is not acknowledged: its frames wait. Bit rates are not compared.
 """
 
 import os
@@ -36,18 +35,18 @@ def text(value):
 class Adapter:
     """One adapter: its end of the USB, and its controller."""
 
-    def __init__(self, port, serial):
+    def __init__(self, port, serial, bus):
         self.serial = serial
-        self.bus = []
+        self.bus = bus
         self.waiting = {}  # reads of the host that nothing has answered yet
         self.outgoing = []  # frames that no other adapter has acknowledged
         self.incoming = []
-        self.bitrate = None  # while the controller is off
-        self.timing = 0
+        self.is_on = False  # the controller
         self.socket, kernel = socket.socketpair()
         with open("/sys/devices/platform/vhci_hcd.0/attach", "w") as attach:
             attach.write(f"{port} {kernel.fileno()} {port + 1} {FULL_SPEED}")
         kernel.close()
+        bus.append(self)
 
     def serve(self):
         """One request of the host; false when the adapter is gone."""
@@ -85,11 +84,8 @@ class Adapter:
         """The answer to a request to the device or its controller; none when it is not known."""
         if kind == 0x80 and request == 6:
             return self.describe(value >> 8, value & 255)
-        if kind == 0x41 and request == 1:
-            sizes = struct.unpack("<5I", data)
-            self.timing = CLOCK // sizes[4] // (1 + sum(sizes[:3]))
-        elif kind == 0x41 and request == 2:
-            self.bitrate = self.timing if data[0] == 1 else None
+        if kind == 0x41 and request == 2:
+            self.is_on = data[0] == 1
             self.outgoing.clear()
             self.incoming.clear()
             exchange(self.bus)
@@ -99,7 +95,7 @@ class Adapter:
             return struct.pack("<4B2I", 0, 0, 0, 0, 2, 1)
         elif kind == 0xC1 and request == 11:
             return struct.pack("<2I", FEATURES, CLOCK) + TIMING + TIMING
-        elif (kind, request) not in ((0x41, 0), (0x41, 10), (0, 9), (1, 11)):
+        elif (kind, request) not in ((0x41, 0), (0x41, 1), (0x41, 10), (0, 9), (1, 11)):
             return None
         return b""
 
@@ -122,9 +118,9 @@ class Adapter:
             del self.waiting[number]
             self.answer(number, 0, self.incoming.pop(0))
 
-    def report(self, identifier, state):
-        """Tells the driver of an error."""
-        frame = struct.pack("<2I4B8s", NO_ECHO, ERROR | identifier, 8, 0, 0, 0, bytes([0, state]))
+    def report_no_partner(self):
+        """Tells the driver that nobody acknowledges: error-passive."""
+        frame = struct.pack("<2I4B8s", NO_ECHO, ERROR | 4, 8, 0, 0, 0, bytes([0, 0x20]))
         if frame not in self.incoming:
             self.incoming.append(frame)
             self.deliver()
@@ -133,36 +129,46 @@ class Adapter:
 def exchange(bus):
     """Moves all frames that another adapter acknowledges."""
     for sender in [adapter for adapter in bus if adapter.outgoing]:
-        others = [other for other in bus if other.bitrate and other is not sender]
-        if any(other.bitrate != sender.bitrate for other in others):
-            sender.report(0x40, 0)
-        elif not others:
-            sender.report(0x04, 0x20)
-        else:
-            for frame in sender.outgoing:
-                for other in others:
-                    other.incoming.append(struct.pack("<I", NO_ECHO) + frame[4:])
-                sender.incoming.append(frame)
-            sender.outgoing.clear()
-            for adapter in bus:
-                adapter.deliver()
+        others = [other for other in bus if other.is_on and other is not sender]
+        if not others:
+            sender.report_no_partner()
+            continue
+        for frame in sender.outgoing:
+            for other in others:
+                other.incoming.append(struct.pack("<I", NO_ECHO) + frame[4:])
+            sender.incoming.append(frame)
+        sender.outgoing.clear()
+        for adapter in bus:
+            adapter.deliver()
 
 
 def main():
-    bus = [Adapter(port, serial) for port, serial in enumerate(sys.argv[1:])]
-    for adapter in bus:
-        adapter.bus = bus
-    inputs = {adapter.socket: adapter for adapter in bus}
+    serials = sys.argv[1:]
+    buses = {serial[0]: [] for serial in serials}
+    plugged = {}  # by the socket of its USB
+
+    def plug_in(serial):
+        adapter = Adapter(serials.index(serial), serial, buses[serial[0]])
+        plugged[adapter.socket] = adapter
+
+    def pull_out(adapter):
+        del plugged[adapter.socket]
+        adapter.bus.remove(adapter)
+        adapter.socket.close()
+
+    for serial in serials:
+        plug_in(serial)
     while True:
-        for ready in select.select([*inputs, sys.stdin], [], [])[0]:
+        for ready in select.select([*plugged, sys.stdin], [], [])[0]:
             if ready is sys.stdin:
                 serial = os.read(0, 100).decode().strip()
-                gone = [adapter for adapter in bus if adapter.serial == serial]
-                for adapter in gone:
-                    adapter.socket.shutdown(socket.SHUT_RDWR)
-            elif not inputs[ready].serve():
-                bus.remove(inputs.pop(ready))
-                ready.close()
+                adapters = {adapter.serial: adapter for adapter in plugged.values()}
+                if serial in adapters:
+                    pull_out(adapters[serial])
+                else:
+                    plug_in(serial)
+            elif ready in plugged and not plugged[ready].serve():
+                pull_out(plugged[ready])
 
 
 if __name__ == "__main__":
