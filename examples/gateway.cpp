@@ -1,12 +1,15 @@
 // Passes frames between two buses until interrupted: gateway A B
 // A and B are the numbers of the interfaces. Each direction has a thread that waits for frames; the
-// release of the adapters, by the main thread, ends both.
+// release of the adapters, by the main thread, ends both, also after an adapter was pulled out.
 
+#include <pthread.h>
+
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <future>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,21 +17,45 @@
 #include "adapter.hpp"
 #include "end_signals.h"
 
-// Passes frames on until one of the devices is released; returns how many.
-static unsigned long forward(int from, int to) {
-    unsigned long frames = 0;
-    for (_corvel_CanMsg msg;;) {
-        const int32_t status = corvel_readMessage(from, &msg, 60000);
-        if (status == CORVEL_NO_DEVICE) return frames;
-        if (status != CORVEL_SUCCESS) continue;
-        int32_t written = corvel_writeMessage(to, &msg);
-        for (int tries = 0; written == CORVEL_NOT_WRITTEN && tries < 100; tries++) {  // queue full
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            written = corvel_writeMessage(to, &msg);
+using std::chrono::milliseconds;
+using std::this_thread::sleep_for;
+
+// One direction, on a thread of its own that ends when one of the devices has been released.
+class Direction {
+public:
+    Direction(int from, int to) : m_from(from), m_to(to), m_thread([this] { forward(); }) {}
+
+    // When an adapter is pulled out, a read may be left waiting in the kernel. A signal ends it.
+    ~Direction() {
+        while (!m_ended) {
+            sleep_for(milliseconds(10));
+            pthread_kill(m_thread.native_handle(), SIGUSR1);
         }
-        if (written == CORVEL_SUCCESS) frames++;
+        m_thread.join();
+        std::printf("%lu frames from can%d to can%d\n", m_frames, m_from, m_to);
     }
-}
+
+private:
+    void forward() {
+        for (_corvel_CanMsg msg;;) {
+            const int32_t status = corvel_readMessage(m_from, &msg, 60000);
+            if (status == CORVEL_NO_DEVICE) break;
+            if (status != CORVEL_SUCCESS) continue;
+            int32_t written = corvel_writeMessage(m_to, &msg);
+            for (int tries = 0; written == CORVEL_NOT_WRITTEN && tries < 100; tries++) {
+                sleep_for(milliseconds(10));  // the queue is full
+                written = corvel_writeMessage(m_to, &msg);
+            }
+            if (written == CORVEL_SUCCESS) m_frames++;
+        }
+        m_ended = true;
+    }
+
+    const int m_from, m_to;
+    unsigned long m_frames = 0;
+    std::atomic<bool> m_ended{false};
+    std::thread m_thread;  // last: it uses the others
+};
 
 static int number(const char* text) {
     char* end;
@@ -44,17 +71,17 @@ int main(int count, char** words) try {
     }
     const int a = number(words[1]);
     const int b = number(words[2]);
-    holdSignals();                           // in all threads; this one asks for them
-    std::future<unsigned long> there, back;  // outlive the adapters, whose release ends them
-    {
-        const Adapter first(a), second(b);
-        there = std::async(std::launch::async, forward, a, b);
-        back = std::async(std::launch::async, forward, b, a);
-        int ended;
-        sigwait(&endSignals, &ended);
-    }
-    std::printf("%lu frames from can%d to can%d, ", there.get(), a, b);
-    std::printf("%lu back\n", back.get());
+    holdSignals();                  // in all threads; this one asks for them
+    struct sigaction nothing = {};  // no SA_RESTART: a call that the signal meets comes back
+    nothing.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &nothing, nullptr);
+
+    std::optional<Direction> there, back;  // outlive the adapters, whose release ends them
+    const Adapter first(a), second(b);
+    there.emplace(a, b);
+    back.emplace(b, a);
+    int ended;
+    sigwait(&endSignals, &ended);
     return 0;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "gateway: %s\n", error.what());
