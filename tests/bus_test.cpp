@@ -2,17 +2,22 @@
 // or a real one. CORVEL_TEST_REMOVE is a command that removes can0; CORVEL_CLASSIC says that the
 // controllers know no CAN FD, and hold four frames.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <future>
+#include <locale>
 #include <thread>
 
-#include "tn_corvel.h"
+#include "corvel/driverforsocketcan.h"
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
@@ -33,28 +38,38 @@ static int32_t read(int32_t index, uint32_t timeout, int32_t* number = nullptr) 
     return status;
 }
 
+static const char* const cut = "sudo ip link set can0 down";
+static const char* const bringUp =
+    "sudo ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0";
+
 // Makes a call in the background, again and again while it lives, with pauses where it fails.
 class Repeated {
 public:
-    explicit Repeated(const std::function<bool()>& call)
-        : m_thread(std::async(std::launch::async, [=] {
+    enum End { byItself, bySignal };
+    explicit Repeated(const std::function<bool()>& call, End end = byItself)
+        : m_end(end), m_thread([=] {
               for (; !m_stop; ++m_done) {
                   const bool succeeded = call();
                   m_succeeded += succeeded;
                   if (!succeeded) sleep_for(std::chrono::microseconds(200));
               }
-          })) {}
+              m_ended = true;
+          }) {}
     ~Repeated() {
         m_stop = true;
-        if (m_thread.wait_for(std::chrono::seconds(10)) == std::future_status::ready) return;
-        fprintf(stderr, "a call hangs\n");
-        abort();
+        for (int i = 0; i < 100 && !m_ended; ++i) {
+            sleep_for(milliseconds(i));
+            if (m_end == bySignal && !m_ended) pthread_kill(m_thread.native_handle(), SIGUSR1);
+        }
+        if (!m_ended) fprintf(stderr, "a call hangs\n"), abort();
+        m_thread.join();
     }
     std::atomic<long> m_done{0}, m_succeeded{0};
 
 private:
-    std::atomic<bool> m_stop{false};
-    std::future<void> m_thread;
+    const End m_end;
+    std::atomic<bool> m_stop{false}, m_ended{false};
+    std::thread m_thread;
 };
 
 // A read of can0 that waits in the background.
@@ -128,31 +143,151 @@ TEST_F(BusTest, ACutLinkEndsOneReadAndAReleaseTheNext) {
         EXPECT_EQ(open(0), CORVEL_NO_DEVICE);
         return;
     }
-    first.endsWhen("link taken down", [] { return system("sudo ip link set can0 down"); });
+    first.endsWhen("link taken down", [] { return system(cut); });
     const auto start = Clock::now();
     EXPECT_EQ(read(0, 300), CORVEL_NO_FRAME);
     EXPECT_GE(Clock::now() - start, milliseconds(300)) << "told a second time";
     WaitingRead().endsWhen("released, link down already", [] { return corvel_freeDLL(0); });
 }
 
-// Writes without pause on a link that goes down do not take from reads what tells them so.
-TEST_F(BusTest, NoCallHangsWhileTheLinkGoesDownAndTheDeviceIsReleased) {
+// Writes without pause may take from a read what tells it that the link is down; a release does not
+// leave such a read behind, be the link down still or up again.
+TEST_F(BusTest, AReleaseEndsReadsThatWritesWithoutPauseMet) {
     openBoth();
     const Repeated reader([] { return read(0, 20) == 0; }), writer([] { return write(0), true; });
-    const auto goesOn = [&](const char* cause) {
+    for (int round = 0; round < 6 && !HasFailure(); ++round) {
+        EXPECT_EQ(system(cut), 0);
+        sleep_for(milliseconds(50));
+        if (round % 2 == 0) system(bringUp);
+        EXPECT_EQ(corvel_freeDLL(0) + open(0) + write(1), CORVEL_SUCCESS);
         const long before = reader.m_done;
         const auto end = Clock::now() + std::chrono::seconds(5);
         while (reader.m_done < before + 3 && Clock::now() < end) sleep_for(milliseconds(1));
-        EXPECT_GE(reader.m_done, before + 3) << "a read outlasts its time-out: " << cause;
-    };
-    for (int round = 0; round < 12 && !HasFailure(); ++round) {
-        EXPECT_EQ(system("sudo ip link set can0 down"), 0);
-        goesOn("link taken down");
-        system("sudo ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0");
-        if (round % 2 == 0) continue;
-        EXPECT_EQ(corvel_freeDLL(0) + open(0) + write(1), CORVEL_SUCCESS);
-        goesOn("released");
+        EXPECT_GE(reader.m_done, before + 3) << "a read outlasts the release";
     }
     EXPECT_GT(reader.m_succeeded, 0);
     corvel_freeDLL(0);
+}
+
+// The release has no descriptors to spare for what it does otherwise.
+TEST_F(BusTest, AReleaseEndsReadsOfAProcessWithoutDescriptors) {
+    openBoth();
+    WaitingRead waiting;
+    std::vector<int> taken;
+    while (taken.empty() || taken.back() >= 0) taken.push_back(::open("/dev/null", O_CLOEXEC));
+    waiting.endsWhen("released without descriptors", [] { return corvel_freeDLL(0); });
+    for (const int fd : taken) ::close(fd);
+}
+
+TEST_F(BusTest, ADeviceLeavesStandardInputAlone) {
+    const int kept = dup(0);
+    ::close(0);
+    openBoth();
+    EXPECT_EQ(::open("/dev/null", O_CLOEXEC), 0) << "taken by a device";
+    dup2(kept, 0), ::close(kept);
+}
+
+// The machine has an interface whose name is a command to a shell.
+TEST_F(BusTest, AnInterfaceNamedLikeACommandRunsNone) {
+    const auto driver = std::make_shared<corvel::DriverForSocketCan>();
+    std::vector<std::shared_ptr<corvel::IInterface>> devices;
+    EXPECT_TRUE(driver->scanDevices(devices));
+    unlink("ran");
+    int found = 0;
+    for (const auto& device : devices) {
+        if (device->name() != "can0;>ran") continue;
+        ++found;
+        EXPECT_FALSE(device->open(500000, false, 0));
+        device->close();
+    }
+    EXPECT_EQ(found, 1);
+    EXPECT_NE(access("ran", F_OK), 0);
+}
+
+// The kernel remembers that a link is down.
+using KernelTest = BusTest;
+
+TEST_F(KernelTest, OneThreadAloneIsToldOfADeadLinkAndFindsNothingOfItLater) {
+    openBoth();
+    EXPECT_EQ(system(cut), 0);
+    EXPECT_EQ(write(0), CORVEL_NOT_WRITTEN);
+    const auto start = Clock::now();
+    EXPECT_EQ(read(0, 300), CORVEL_NO_FRAME);
+    EXPECT_GE(Clock::now() - start, milliseconds(300)) << "the write was told already";
+    EXPECT_EQ(write(0), CORVEL_NOT_WRITTEN);
+    EXPECT_EQ(system(bringUp), 0);
+    sleep_for(milliseconds(200));
+    EXPECT_EQ(write(0), CORVEL_SUCCESS);
+    EXPECT_EQ(write(1, 7), CORVEL_SUCCESS);
+    int32_t number = 0;
+    EXPECT_EQ(read(0, 1000, &number), CORVEL_SUCCESS);
+    EXPECT_EQ(number, 7);
+}
+
+// Removed under reads and writes of all, while the frames of another pair hold the number -1.
+TEST_F(KernelTest, ARemovedAdapterDeliversNoFrameOfAnotherInterface) {
+    const char* const removal = getenv("CORVEL_TEST_REMOVE");
+    if (removal == nullptr) GTEST_SKIP() << "nothing says how to remove can0";
+    struct sigaction action{};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    openBoth();
+    std::atomic<long> own{0}, foreign{0};
+    {
+        const auto count = [&] {
+            int32_t number = 0;
+            if (read(0, 20, &number) == 0) ++(number == -1 ? foreign : own);
+            return true;
+        };
+        const Repeated reader(count, Repeated::bySignal), writer([] { return write(0) == 0; }),
+            other([] { return write(1) == 0; });
+        sleep_for(milliseconds(300));
+        EXPECT_EQ(system(removal), 0);
+        sleep_for(milliseconds(500));
+        EXPECT_EQ(write(0), CORVEL_NOT_WRITTEN);
+        EXPECT_EQ(corvel_freeDLL(0), CORVEL_SUCCESS);
+    }
+    EXPECT_EQ(foreign, 0);
+    EXPECT_GT(own, 0);
+}
+
+// What other threads hold does not keep a process, or a child that has no such threads, from
+// ending.
+
+TEST(ProcessTest, ForkedChildrenEndWhileAnotherThreadIsRefused) {
+    fflush(stdout);
+    const Repeated refused([] { return corvel_freeDLL(7), true; });
+    int status = 0;
+    for (int i = 0; i < 100 && WIFEXITED(status); ++i) {
+        const pid_t child = fork();
+        if (child == 0) alarm(5), exit(0);
+        waitpid(child, &status, 0);
+    }
+    EXPECT_TRUE(WIFEXITED(status)) << "a child hangs";
+}
+
+TEST(ProcessTest, AProcessEndsWhileItsLogIsBlocked) {
+    const auto end = [] {
+        int ends[2];
+        if (pipe(ends) != 0 || dup2(ends[1], STDERR_FILENO) < 0) return;
+        std::thread([] {
+            for (;;) corvel_freeDLL(7);
+        }).detach();
+        sleep_for(milliseconds(300));  // some thousand records fill the pipe
+        alarm(10);
+        exit(0);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+}
+
+TEST(LogTest, NumbersDoNotFollowTheApplicationsLocale) {
+    struct Grouping : std::numpunct<char> {
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale before = std::locale::global({std::locale(), new Grouping});
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(corvel_initDLL(12345, 500, false, 0), CORVEL_NO_DEVICE);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("devIndex:12345 "), std::string::npos) << log;
+    std::locale::global(before);
 }

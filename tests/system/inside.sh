@@ -26,7 +26,7 @@ refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is requi
 
 tests() { # COMMAND...: runs tests of the bus
     "$@" >out 2>/dev/null || { cat out; return 1; }
-    grep -E 'came back|suite ran|expected' out
+    grep -E 'came back|ran\.|expected' out
 }
 settings() { # TEXTS...: of can0
     ip -d link show can0 >settings
@@ -92,8 +92,10 @@ frames_against_can_utils() {
     ip link set can1 down
 }
 
+opened() { # NUMBER: of devices, by the program whose log is in log
+    [ "$(grep -c Successfully log)" -ge "$1" ]
+}
 ends() {
-    opened() { [ "$(grep -c Successfully log)" -ge "$1" ]; }
     for program in '1 monitor 0' '1 send 0 123# 9999 5' '2 gateway 0 1' '2 exchange' \
         "1 python3 $root/examples/monitor.py 0"; do # with the number of its devices
         for signal in INT TERM HUP; do
@@ -106,15 +108,25 @@ ends() {
     done
 }
 
-can_fd_controllers() {
-    tests bus_test
-    CORVEL_TEST_REMOVE='echo 1 >/sys/class/net/can0/device/remove' tests bus_test --gtest_filter='*ACut*'
+# A pair beside can0 and can1 that is never silent, one of it with an awkward name.
+other_pair() {
+    ip link add can8 up type vxcan peer name 'can0;>ran'
+    ip link set 'can0;>ran' up
+    cangen can8 -g 2 -I 7AB -L 4 -D FFFFFFFF -i &
+}
+removed_by() { # REMOVAL COMMAND...
+    CORVEL_TEST_REMOVE=$1 tests "${@:2}"
 }
 
-take_over() { # A B: these become can0 and can1
-    ip link set "$1" name new0
-    ip link set "$2" name new1
-    for number in 0 1; do
+can_fd_controllers() {
+    tests bus_test
+    removed_by 'echo 1 >/sys/class/net/can0/device/remove' bus_test --gtest_filter='*ACut*'
+}
+
+take_over() { # INTERFACES...: these become can0, can1 and so on
+    local name number=0
+    for name; do ip link set "$name" name new$((number++)); done
+    for ((number = 0; number < $#; number++)); do
         [ ! -e /sys/class/net/can$number ] || ip link set can$number down name "can$number-$1"
         ip link set new$number name can$number
     done
@@ -126,28 +138,67 @@ classic_controllers() {
     ! monitor 0 500 2000 >log 2>&1 || return 1
     holds log 'could not be configured (status 5)' 'not supported'
     CORVEL_CLASSIC=1 tests bus_test
-    CORVEL_TEST_REMOVE='echo 1 >/sys/class/net/can0/device/remove' tests bus_test --gtest_filter='*ACut*'
+    removed_by 'echo 1 >/sys/class/net/can0/device/remove' bus_test --gtest_filter='*ACut*'
 }
 
-# Two emulated adapters on a USB of the kernel's own; `pull` pulls one out.
+# Four emulated adapters on a USB of the kernel's own, can0 and can1 on one bus, can2 and can3 on
+# another; `pull` pulls one out, or plugs it in again.
 usb_adapters() {
     mkfifo pull && exec 9<>pull
-    python3 "$root/platform/vm/usb_adapters.py" A1 B2 <pull &
-    adapters() { ls /sys/bus/usb/drivers/gs_usb/*/net 2>/dev/null | grep ^can; }
-    both() { [ "$(adapters | wc -l)" = 2 ]; }
-    eventually both
-    take_over $(adapters)
+    python3 "$root/platform/vm/usb_adapters.py" A1 A2 B1 B2 <pull &
+    adapters() { printf '%s\n' /sys/bus/usb/drivers/gs_usb/*/net/can*; }
+    all() { [ "$(adapters | wc -l)" = 4 ]; }
+    eventually all
+    take_over $(adapters | xargs -n 1 basename)
     tests bus_test
-    CORVEL_TEST_REMOVE='echo A1 >&9' tests bus_test --gtest_filter='*ACut*'
+    for filter in '*ACut*' '*ARemoved*'; do
+        removed_by 'echo A1 >&9' bus_test --gtest_filter="$filter"
+        echo A1 >&9
+        eventually test -e /sys/class/net/can0
+    done
+    pulled_gateway
+}
+
+# The gateway joins both buses, with a sender on each, and its adapter is pulled out. No frame goes
+# round on the other bus then, and it ends, if need be by a signal to a thread.
+pulled_gateway() {
+    sent() { cat /sys/class/net/can2/statistics/tx_packets; }
+    silent() { local before; before=$(sent); sleep 0.2; [ "$(sent)" = "$before" ]; }
+    for number in 1 3; do ip link set can$number up type can bitrate 500000; done
+    for _ in $(seq 20); do
+        gateway 0 2 >forwarded 2>log &
+        gateway=$!
+        eventually opened 2
+        senders=
+        for number in 1 3; do cangen can$number -g 2 -i & senders+=" $!"; done
+        sleep 0.5
+        echo A1 >&9
+        eventually test ! -e /sys/class/net/can0
+        sleep 0.2
+        kill $senders
+        eventually silent
+        kill $gateway
+        timeout 3 tail -s 0.1 --pid=$gateway -f /dev/null
+        [ "$(grep -c '^[1-9]' forwarded)" = 2 ]
+        echo A1 >&9
+        eventually test -e /sys/class/net/can0
+    done
+    echo "the gateway ended in order after each of 20 pulls"
 }
 
 virtual_interfaces() {
-    on_pair() { as_user /opt/corvel/simcan/simcan --kernel "$@"; }
+    on_pair() {
+        as_user /opt/corvel/simcan/simcan --kernel bash -c "$(declare -f other_pair)"'
+            other_pair; "$@"; status=$?; kill %1; exit $status' pair "$@"
+    }
+    chmod 711 /  # which an ordinary user cannot open then
     tests on_pair exchange
     tests on_pair bus_test
+    removed_by 'ip link del can0' on_pair bus_test --gtest_filter='*ACut*'
+    for _ in 1 2 3 4 5 6; do removed_by 'ip link del can0' on_pair bus_test --gtest_filter='*ARemoved*'; done
     sysctl -q user.max_user_namespaces=0
     ! on_pair true 2>log || return 1
-    holds log 'simcan: this user may make no network namespace; as root: /opt/corvel/simcan/simcan --kernel true'
+    holds log 'simcan: this user may make no network namespace; as root: /opt/corvel/simcan/simcan --kernel'
 }
 
 sections='permissions frames_against_can_utils ends can_fd_controllers virtual_interfaces
@@ -156,6 +207,7 @@ if [ ! -e /sys/class/net/can3 ]; then
     echo "LEFT OUT: CAN FD controllers, for which this kernel has no driver; USB adapters, which stop it"
     sections='virtual_interfaces classic_controllers'
 fi
+other_pair
 for section in $sections; do
     echo "--- ${section//_/ }"
     $section
