@@ -84,7 +84,7 @@ int main(int count, char** words) {
     }
 
     holdSignals();
-    int status = corvel_initDLL(device, bitrate, count > 6, dbitrate);
+    const int status = corvel_initDLL(device, bitrate, count > 6, dbitrate);
     if (status != CORVEL_SUCCESS) {
         fprintf(stderr, "send: can%d: %s (status %d)\n", device,
                 status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
@@ -98,7 +98,7 @@ int main(int count, char** words) {
     const bool showProgress = isatty(STDERR_FILENO);
     time_t shown = time(NULL);
     unsigned sent = 0;
-    while (sent < total && !stopped && (status = sendPatiently(device, &msg)) == CORVEL_SUCCESS) {
+    while (sent < total && !stopped && sendPatiently(device, &msg) == CORVEL_SUCCESS) {
         sent++;
         if (showProgress && time(NULL) != shown) {
             shown = time(NULL);

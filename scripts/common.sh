@@ -1,3 +1,4 @@
+# shellcheck shell=sh disable=SC2034,SC3028 # used by the scripts that source it; bash names it so
 # Sourced by the scripts: goes to the project's folder, and installs packages.
 PATH=$PATH:/usr/sbin:/sbin # where Debian keeps some of the programs, but not in a user's path
 cd "$(dirname "${BASH_SOURCE:-$0}")/.." || exit 1

@@ -64,7 +64,7 @@ for release; do
     in_root ./scripts/test.sh 2>&1 | tee -a "$log"
     [ "${PIPESTATUS[0]}" -eq 0 ] || verdict=FAILED
     [ $verdict = passed ] || failed=$((failed + 1))
-    table+="$release, $(. "$root/etc/os-release" && echo "$PRETTY_NAME"): $verdict"$'\n'
+    table+="$release, $(sed -n 's/^PRETTY_NAME=//p' "$root/etc/os-release"): $verdict"$'\n'
     table+="  $(grep -m1 '^Linux ' "$log")"$'\n'
     table+="  demo.sh $((demo - start)) s, test.sh $((SECONDS - demo)) s, of which"$'\n'
     table+="$(grep -E '^[a-z0-9+]+ +(passed|FAILED|LEFT OUT) +[0-9]+ s$' "$log" | sed 's/^/    /')"$'\n'

