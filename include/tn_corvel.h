@@ -1,45 +1,35 @@
 /**
  * @file
- * Access to USB-to-CAN adapters of the Corvel kind, which the kernel exposes as the network
- * interfaces can0, can1 and so on.
+ * Drives USB-to-CAN adapters of the Corvel kind, which the kernel exposes as the network interfaces
+ * can0, can1 and so on. Initialise an adapter with corvel_initDLL(), send and receive single frames
+ * with corvel_writeMessage() and corvel_readMessage(), and end with corvel_freeDLL(). The device
+ * index that all four take is the number N of the interface canN.
  *
- * An application initialises an adapter with corvel_initDLL(), then sends and receives single
- * frames with corvel_writeMessage() and corvel_readMessage(), and ends with corvel_freeDLL(). All
- * four name the adapter by its device index: the number N of its interface canN.
+ * What the library promises:
+ * - Any thread may call any function, for any index. A read that waits holds up other reads of the
+ *   same device, and nothing else.
+ * - A release may meet reads and writes of other threads. It does not wait for them. They return
+ *   when the link is down, and their file descriptor is not reused before they return.
+ * - A device delivers frames of its own interface only. Once its adapter has been removed it
+ *   delivers none and takes none, until it is released and initialised again.
+ * - Failures are reported by status, and the reason goes to the log. C++ callers: std::bad_alloc
+ *   passes through. Afterwards no lock is held, no descriptor is left open, an initialisation has
+ *   registered nothing, a release has removed the device, and the next call works.
+ * - A process that ends, and a library that is unloaded, wait for no lock.
  *
- * Threads: any thread may call any function, for any index. A read that waits holds up no other
- * call but a second read on the same device. The caller's duties: for one index, an initialisation
- * must not run at the same time as another initialisation or a release; no calls from signal
- * handlers; no thread is cancelled inside a call; and after fork, a child of a process with threads
- * makes no call before it executes another program.
+ * What the caller must do:
+ * - Release every device before the process exits or the library is unloaded. Otherwise the link
+ *   stays up, and the next initialisation fails with CORVEL_OPEN_FAILED ("Device or resource busy")
+ *   until somebody runs `sudo ip link set canN down`.
+ * - For one index, run no initialisation at the same time as another one or as a release.
+ * - During an initialisation, neither ignore SIGCHLD nor call wait() or waitpid(-1, ...) in another
+ *   thread: the outcome of its commands would be lost (CORVEL_OPEN_FAILED).
+ * - Make no call from a signal handler. After fork, make none in the child of a process with
+ *   threads before it executes another program. Cancel no thread inside a call.
+ * - Provide a log library that does not call this library, which would deadlock.
  *
- * A release may meet reads and writes of other threads. It does not wait for them, and they never
- * touch what the application opens meanwhile. A waiting read comes back with CORVEL_NO_FRAME as
- * soon as the link is down, rather than after its time-out; a write that waits for room does so
- * too, with CORVEL_NOT_WRITTEN or, when the frame was still taken and is then dropped,
- * CORVEL_SUCCESS. Where the command that takes the link down fails, they go on waiting. (This takes
- * two spare file descriptors during the release. In a process that has none left, such a call goes
- * on with the closed descriptor.)
- *
- * When a link goes down by other hands (an administrator, say), one waiting read of the device
- * learns of it; a read after that waits its time-out, or fails at once while writes of other
- * threads fail. When a link that went down is up again at once, a read that a write of another
- * thread met may outlast its time-out, until a frame comes, the link goes down again or the device
- * is released. When an adapter is removed, a write may learn of it in the place of a read that
- * waits: that read then outlasts its time-out and a release, until a signal is handled on its
- * thread.
- *
- * Devices still initialised when the library is unloaded or the process exits stay configured and
- * up: release each device first. A link that is up cannot be configured: the next program's
- * initialisation then fails with CORVEL_OPEN_FAILED ("Device or resource busy") until somebody runs
- * `sudo ip link set canN down`. Calls that come when the process is ending find no device.
- *
- * Failures are reported by status; the reason goes to the log. A log library that blocks holds up
- * the call, and one that calls back while status 1 is logged never returns. A program that another
- * thread starts in the instant in which a socket is made may inherit it. C++ callers: no function
- * catches std::bad_alloc. Where it leaves a function, no lock is held, no descriptor is left open,
- * an initialisation has registered nothing, a release has removed the device, and the next call
- * works. The link itself may be left up.
+ * docs/threads.md gives the reasons, and the rare cases in which a promise is weaker: no spare file
+ * descriptors, no right to run a command, a link that others take down, an adapter pulled out.
  */
 #ifndef TN_CORVEL_H
 #define TN_CORVEL_H
@@ -89,15 +79,12 @@ typedef struct _corvel_CanMsg {
  * Configures interface "can" + devIndex, brings it up and opens it.
  *
  * Runs two `ip link set` commands under `sudo`, which the calling user must be allowed to use, and
- * takes as long as they do. The application must not ignore SIGCHLD meanwhile, nor wait for any
- * child, as waitpid(-1, ...) does, in another thread: the commands' outcome would be lost (status
- * 5). It waits for its own children by their process id instead. A link that is already up, as a
- * program that was killed leaves it, is not taken down: status 5, as above; and after status 5 the
- * link may be left up.
+ * takes as long as they do. A link that is up already is not taken down: CORVEL_OPEN_FAILED. After
+ * CORVEL_OPEN_FAILED the link may be left up.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index
  * @param bitrate  nominal bit rate in kbit/s, at most 4294967; examined by the controller's driver
- *                 alone
+ *                 alone. 0 keeps the timing that the link has.
  * @param canFd    true: CAN FD. Every frame is then sent as a CAN FD frame with bit-rate switch.
  * @param dbitrate data-phase bit rate in kbit/s, as bitrate; without effect unless canFd
  * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is already initialised, the interfaces
