@@ -75,15 +75,12 @@ memcheck() {
     done
 }
 
-fuzz() { build/asan/fuzz_read -max_total_time=10 -max_len=80 -close_fd_mask=2; }
-
 stage format check_format
 stage g++ build_and_test dev -j2
 stage lint lint
 stage asan build_and_test asan
 stage tsan build_and_test tsan
 stage memcheck memcheck
-stage fuzz fuzz
 stage docs cmake --build --preset dev --target docs
 stage install tests/install.sh
 [ "$arm" -eq 0 ] || { stage arm64 scripts/arm.sh arm64; stage armhf scripts/arm.sh armhf; }
