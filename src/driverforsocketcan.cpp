@@ -65,15 +65,13 @@ bool isAcceptable(const std::string& name) {
         std::all_of(name.begin(), name.end(), allowed)) {
         return true;
     }
-    CORVEL_LOG(failure) << "interface name refused:" << name;
-    return false;
+    return CORVEL_LOG(failure, "interface name refused:", name);
 }
 
 bool configure(const DriverForSocketCan& driver, const std::string& command) {
     int exitCode = -1;
-    if (driver.systemExecute(command, exitCode)) return true;
-    CORVEL_LOG(failure) << "error execute system cmd, error:" << exitCode;
-    return false;
+    return driver.systemExecute(command, exitCode) ||
+           CORVEL_LOG(failure, "error execute system cmd, error:", exitCode);
 }
 
 int bindTo(int fd, int ifindex) {
@@ -92,15 +90,9 @@ ifreq requestFor(const std::string& name) {
 bool bindSocket(int fd, const std::string& name) {
     ifreq request = requestFor(name);
     if (::ioctl(fd, SIOCGIFINDEX, &request) < 0) {
-        const int error = errno;
-        CORVEL_LOG(failure) << "error reading index of " << name << ": " << std::strerror(error);
-        return false;
+        return CORVEL_LOG(failure, "error reading index of ", name, ": ", std::strerror(errno));
     }
-    if (bindTo(fd, request.ifr_ifindex) < 0) {
-        CORVEL_LOG(failure) << "Error in socket bind";
-        return false;
-    }
-    return true;
+    return bindTo(fd, request.ifr_ifindex) >= 0 || CORVEL_LOG(failure, "Error in socket bind");
 }
 
 // Ends reads that wait on a socket whose link is down already, just before it is closed: the kernel
@@ -129,11 +121,8 @@ int keepStandardStreamsFree(int fd) {
 
 bool enableCanFd(int fd) {
     const int on = 1;
-    if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) != 0) {
-        CORVEL_LOG(failure) << "Error set CanFD";
-        return false;
-    }
-    return true;
+    return ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) == 0 ||
+           CORVEL_LOG(failure, "Error set CanFD");
 }
 
 // Waits for a descriptor that an fd_set cannot hold, with the results of select.
@@ -165,34 +154,10 @@ int waitReadable(int fd, unsigned int timeout) {
     return ::select(fd + 1, &readable, nullptr, nullptr, &limit);
 }
 
-// These log why a frame was not moved, and give false.
-
-CORVEL_COLD bool frameError(const char* text) {
-    const int error = errno;
-    CORVEL_LOG(failure) << text << std::strerror(error);
-    return false;
-}
-
-CORVEL_COLD bool writeError() {
-    const int error = errno;
-    CORVEL_LOG(failure) << "write error:" << std::strerror(error) << "(errno=" << error << ")";
-    return false;
-}
-
-CORVEL_COLD bool frameRefused(const char* text) {
-    CORVEL_LOG(failure) << text;
-    return false;
-}
-
-CORVEL_COLD bool frameRefused(const char* text, ssize_t number) {
-    CORVEL_LOG(failure) << text << number;
-    return false;
-}
-
 template <typename Frame>
 bool writeFrame(int fd, const Frame& frame) {
     if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
-    return writeError();
+    return CORVEL_LOG(failure, "write error:", std::strerror(errno), "(errno=", errno, ")");
 }
 
 }  // namespace
@@ -206,8 +171,7 @@ bool DriverForSocketCan::scanDevices(std::vector<std::shared_ptr<IInterface>>& d
         error = ::rtnl_link_alloc_cache(socket.get(), AF_UNSPEC, &links);
     }
     if (error < 0) {
-        CORVEL_LOG(failure) << "could not access netlink device list, error code:" << error;
-        return false;
+        return CORVEL_LOG(failure, "could not access netlink device list, error code:", error);
     }
     const std::unique_ptr<nl_cache, CacheDeleter> cache(links);
     for (nl_object* entry = ::nl_cache_get_first(links); entry != nullptr;
@@ -236,19 +200,15 @@ bool DriverForSocketCan::systemExecute(const std::string& command, int& exitCode
     exitCode = -1;
     const int status = ::system(command.c_str());
     if (status == -1) {
-        const int error = errno;
-        CORVEL_LOG(failure) << "system() failed, errno: " << error << " (" << std::strerror(error)
-                            << ")";
-    } else if (WIFEXITED(status)) {
-        exitCode = WEXITSTATUS(status);
-        if (exitCode == 0) return true;
-        CORVEL_LOG(failure) << "Command returned non-zero exit code: " << exitCode;
-    } else if (WIFSIGNALED(status)) {
-        CORVEL_LOG(failure) << "Command terminated by signal: " << WTERMSIG(status);
-    } else {
-        CORVEL_LOG(failure) << "Command did not exit normally.\n";
+        return CORVEL_LOG(failure, "system() failed, errno: ", errno, " (", std::strerror(errno),
+                          ")");
     }
-    return false;
+    if (WIFSIGNALED(status)) {
+        return CORVEL_LOG(failure, "Command terminated by signal: ", WTERMSIG(status));
+    }
+    if (!WIFEXITED(status)) return CORVEL_LOG(failure, "Command did not exit normally.\n");
+    exitCode = WEXITSTATUS(status);
+    return exitCode == 0 || CORVEL_LOG(failure, "Command returned non-zero exit code: ", exitCode);
 }
 
 bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
@@ -263,16 +223,13 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
     } else {
         up += " sample-point 0.875 restart-ms 0";
     }
-    CORVEL_LOG(progress) << up;
+    CORVEL_LOG(progress, up);
     if (!configure(*this, up)) return false;
     if (!configure(*this, link + (canFd ? " txqueuelen 10000" : " txqueuelen 2000"))) return false;
 
     desc.fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
     desc.fd = keepStandardStreamsFree(desc.fd);
-    if (desc.fd < 0) {
-        CORVEL_LOG(failure) << "error while opening socket";
-        return false;
-    }
+    if (desc.fd < 0) return CORVEL_LOG(failure, "error while opening socket");
     NewSocket socket{desc.fd};
     ::fcntl(desc.fd, F_SETFD, FD_CLOEXEC);  // programs the application starts stay off the bus
     socket.isReady = bindSocket(desc.fd, desc.name) && (!canFd || enableCanFd(desc.fd));
@@ -284,7 +241,7 @@ void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
     closeSocket(desc.fd);
     if (!isAcceptable(desc.name)) return;
     const std::string down = "sudo ip link set " + desc.name + " down";
-    CORVEL_LOG(progress) << down;
+    CORVEL_LOG(progress, down);
     [[maybe_unused]] const int ignored = ::system(down.c_str());
 }
 
@@ -298,9 +255,9 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
         std::memcpy(frame.data, msg.data, frame.can_dlc);
         return writeFrame(desc.fd, frame);
     }
-    if (msg.remote != 0) return frameRefused("CAN FD does not support remote frames");
+    if (msg.remote != 0) return CORVEL_LOG(failure, "CAN FD does not support remote frames");
     if (msg.len > sizeof msg.data) {
-        return frameRefused("CAN FD frame refused, len above 8:", msg.len);
+        return CORVEL_LOG(failure, "CAN FD frame refused, len above 8:", int{msg.len});
     }
     canfd_frame frame{};
     frame.can_id = id;
@@ -315,17 +272,18 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
 bool DriverForSocketCan::readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg,
                                      bool /*canFd*/, unsigned int timeout) {
     const int ready = waitReadable(desc.fd, timeout);
-    if (ready < 0) return frameError("select() error: ");
+    if (ready < 0) return CORVEL_LOG(failure, "select() error: ", std::strerror(errno));
     if (ready == 0) return false;
 
     canfd_frame frame;
     const ssize_t size = ::read(desc.fd, &frame, sizeof frame);
-    if (size < 0) return frameError("read() error: ");
+    if (size < 0) return CORVEL_LOG(failure, "read() error: ", std::strerror(errno));
     if (size != CAN_MTU && size != CANFD_MTU) {
-        return frameRefused("invalid CAN frame size: ", size);
+        return CORVEL_LOG(failure, "invalid CAN frame size: ", size);
     }
     const uint8_t len = size == CAN_MTU ? std::min<uint8_t>(frame.len, CAN_MAX_DLEN) : frame.len;
-    if (len > sizeof msg.data) return frameRefused("CAN FD frame dropped, len above 8:", len);
+    if (len > sizeof msg.data)
+        return CORVEL_LOG(failure, "CAN FD frame dropped, len above 8:", int{len});
     msg.id = frame.can_id;
     msg.remote = (frame.can_id & CAN_RTR_FLAG) != 0;
     msg.extended = (frame.can_id & CAN_EFF_FLAG) != 0;

@@ -11,37 +11,31 @@
 
 namespace corvel {
 
-CORVEL_COLD static bool logClosedWrite(bool isOpen, const IInterface::DeviceDesc& desc) {
-    CORVEL_LOG(failure) << "Failed to write, isOpen:" << isOpen << " fd:" << desc.fd
-                        << " handle:" << desc.handle;
-    return false;
-}
-
-// One opening of the device, shared by the handle while it is open and by every call that is using
-// it: the descriptor and mode that such a call works with. Whoever drops the last share gives back
-// the descriptor's number that a close has left behind, if any.
-struct IInterface::Opening {
+// The device from one open to its close, shared by the handle and by every call that is using it:
+// the descriptor and mode that such a call works with. The last one that shares it gives back the
+// number of the socket, when a close has reserved that.
+struct IInterface::Session {
     DeviceDesc desc;
     bool canFd;
-    int number = -1;
+    int reserved = -1;
 
-    Opening(const DeviceDesc& openedDesc, bool openedCanFd)
+    Session(const DeviceDesc& openedDesc, bool openedCanFd)
         : desc(openedDesc), canFd(openedCanFd) {}
-    Opening(const Opening&) = delete;
-    Opening& operator=(const Opening&) = delete;
-    ~Opening() {
-        if (number != -1) ::close(number);
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session() {
+        if (reserved != -1) ::close(reserved);
     }
 
-    // Moves the file to a new descriptor, for the driver to close, and keeps the old number taken
-    // by a file on which no select waits and every read and write fails: a socket that is connected
-    // to nothing. Without descriptors to spare `fd` stays as it is.
-    void retire(int& fd) {
+    // Moves the file to a new descriptor, for the driver to close, and puts a socket that is
+    // connected to nothing in its old place: no select waits on that, and every read and write
+    // fails. Without descriptors to spare `fd` stays as it is.
+    void reserveNumber(int& fd) {
         const int dead = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const int moved = dead < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         if (moved >= 0) {
             ::dup3(dead, fd, O_CLOEXEC);
-            number = fd;
+            reserved = fd;
             fd = moved;
         }
         if (dead >= 0) ::close(dead);
@@ -54,45 +48,47 @@ IInterface::IInterface(const std::shared_ptr<IDriver>& driver, const DeviceDesc&
 bool IInterface::open(unsigned int bitrate, bool canFd, unsigned int dbitrate) {
     std::lock_guard<std::mutex> lock(m_stateMutex);
     if (m_isOpen) {
-        CORVEL_LOG(refusal) << "The device is already open!";
-        return false;
+        return CORVEL_LOG(refusal, "The device is already open!");
     }
     m_canFd = canFd;
-    m_opening = std::make_shared<Opening>(m_desc, m_canFd);  // now, since nothing may fail later
+    m_session = std::make_shared<Session>(m_desc, m_canFd);  // now, since nothing may fail later
     m_isOpen = m_driver->open(m_desc, bitrate, canFd, dbitrate);
-    m_opening->desc = m_desc;  // its name is there already, so this takes no memory
+    m_session->desc = m_desc;  // its name is there already, so this takes no memory
     return m_isOpen;
 }
 
 void IInterface::close() {
     std::lock_guard<std::mutex> lock(m_stateMutex);
     m_isOpen = false;  // first, so that it holds even when the driver throws
-    std::shared_ptr<Opening> opening = std::move(m_opening);
+    std::shared_ptr<Session> session = std::move(m_session);
     // Calls in progress use the number; no new ones can begin.
-    if (opening.use_count() > 1) opening->retire(m_desc.fd);
+    if (session.use_count() > 1) session->reserveNumber(m_desc.fd);
     m_driver->close(m_desc);
 }
 
 bool IInterface::readMessage(_corvel_CanMsg& msg, unsigned int timeout) {
-    std::shared_ptr<const Opening> opening;
+    std::shared_ptr<const Session> session;
     {
         std::lock_guard<std::mutex> lock(m_stateMutex);
         if (!m_isOpen) return false;
-        opening = m_opening;
+        session = m_session;
     }
     std::lock_guard<std::mutex> lock(m_readMutex);
-    return m_driver->readMessage(opening->desc, msg, opening->canFd, timeout);
+    return m_driver->readMessage(session->desc, msg, session->canFd, timeout);
 }
 
 bool IInterface::writeMessage(const _corvel_CanMsg& msg) {
-    std::shared_ptr<const Opening> opening;
+    std::shared_ptr<const Session> session;
     {
         std::lock_guard<std::mutex> lock(m_stateMutex);
-        if (!m_isOpen) return logClosedWrite(m_isOpen, m_desc);
-        opening = m_opening;
+        if (!m_isOpen) {
+            return CORVEL_LOG(failure, "Failed to write, isOpen:", m_isOpen, " fd:", m_desc.fd,
+                              " handle:", m_desc.handle);
+        }
+        session = m_session;
     }
     std::lock_guard<std::mutex> lock(m_writeMutex);
-    return m_driver->writeMessage(opening->desc, msg, opening->canFd);
+    return m_driver->writeMessage(session->desc, msg, session->canFd);
 }
 
 }  // namespace corvel

@@ -7,13 +7,20 @@ namespace corvel {
 
 enum LogLevel { progress = 2, refusal = 3, failure = 4 };
 
+/// Writes one record and returns false, the result of what failed. Takes the words by value, since
+/// making a record may change errno. Kept out of the path of a frame.
+template <typename... Words>
+[[gnu::cold, gnu::noinline]] bool log(LogLevel level, const char* file, unsigned line,
+                                      Words... words) {
+    LOG_Helper record("corvel", level, file, line);
+    (record.getSS() << ... << words);
+    return false;
+}
+
 }  // namespace corvel
 
-/// Marks a function that only logs a failure: kept out of the path of a frame.
-#define CORVEL_COLD [[gnu::cold, gnu::noinline]]
-
-/// The stream of one log record, which is written at the end of the statement. Making it allocates,
-/// so a statement that reports errno saves it beforehand.
-#define CORVEL_LOG(level) LOG_Helper("corvel", corvel::level, __FILE__, __LINE__).getSS()
+/// One record of the words that follow the level, with the file and line of this statement. Gives
+/// false.
+#define CORVEL_LOG(level, ...) corvel::log(corvel::level, __FILE__, __LINE__, __VA_ARGS__)
 
 #endif

@@ -62,38 +62,28 @@ std::shared_ptr<IDriver> share(const std::shared_ptr<IDriver>& driver) {
     return driver;
 }
 
-CORVEL_COLD void logRefusal(const char* text) {
-    CORVEL_LOG(refusal) << text;
-}
-
-// For a null record: logs it and gives back the status.
-CORVEL_COLD int32_t logFailure(const char* text, int32_t status) {
-    CORVEL_LOG(failure) << text;
-    return status;
-}
-
-// The device registered under devIndex, or an empty pointer after logging `refusal`.
-std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal) {
+// The device registered under devIndex, or an empty pointer after logging the refusal.
+std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* text) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_devMap->find(static_cast<unsigned int>(devIndex));
     if (found != m_devMap->end()) return found->second;
-    logRefusal(refusal);
+    CORVEL_LOG(refusal, text);
     return nullptr;
 }
 
 // The same, and takes it out of the registry.
-std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* refusal) {
+std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* text) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto entry = m_devMap->extract(static_cast<unsigned int>(devIndex));
     if (!entry.empty()) return entry.mapped();
-    logRefusal(refusal);
+    CORVEL_LOG(refusal, text);
     return nullptr;
 }
 
 // Makes an open device available to the other functions. An entry that an overlapping
 // initialisation of the same index has made is replaced.
 void registerDevice(unsigned int index, const std::shared_ptr<IInterface>& device) {
-    CORVEL_LOG(progress) << "Successfully opened Corvel.";
+    CORVEL_LOG(progress, "Successfully opened Corvel.");
     std::lock_guard<std::mutex> lock(m_mutex);
     (*m_devMap)[index] = device;
 }
@@ -105,7 +95,7 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_devMap->count(index) != 0) {
-            CORVEL_LOG(failure) << "Failed open Corvel.The device is already open.";
+            CORVEL_LOG(failure, "Failed open Corvel.The device is already open.");
             return CORVEL_NO_DEVICE;
         }
     }
@@ -117,16 +107,16 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
     if (!used) return CORVEL_NO_DEVICE;  // the process is ending
     std::vector<std::shared_ptr<IInterface>> devices;
     if (!used->scanDevices(devices)) {
-        CORVEL_LOG(failure) << "Scan failed.";
+        CORVEL_LOG(failure, "Scan failed.");
         return CORVEL_NO_DEVICE;
     }
     const std::shared_ptr<IInterface> device = used->getDeviceByIndex(index, devices);
     if (!device) {
-        CORVEL_LOG(failure) << "Open Corvel failed: device does not exist. devIndex:" << devIndex;
+        CORVEL_LOG(failure, "Open Corvel failed: device does not exist. devIndex:", devIndex);
         return CORVEL_NO_DEVICE;
     }
     if (!device->open(bitrate * 1000, canFd, dbitrate * 1000)) {
-        CORVEL_LOG(failure) << "Open Corvel failed.";
+        CORVEL_LOG(failure, "Open Corvel failed.");
         return CORVEL_OPEN_FAILED;
     }
     try {
@@ -142,7 +132,7 @@ int32_t corvel_freeDLL(int32_t devIndex) {
     const auto device = takeOut(devIndex, "Free failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
     device->close();
-    CORVEL_LOG(progress) << "Free Device.";
+    CORVEL_LOG(progress, "Free Device.");
     return CORVEL_SUCCESS;
 }
 
@@ -151,14 +141,16 @@ int32_t corvel_freeDLL(int32_t devIndex) {
 [[gnu::flatten]] int32_t corvel_writeMessage(int32_t devIndex, const _corvel_CanMsg* msg) {
     const auto device = lookUp(devIndex, "Write failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
-    if (msg == nullptr) return logFailure("Write failed,msg is null", CORVEL_NOT_WRITTEN);
-    return device->writeMessage(*msg) ? CORVEL_SUCCESS : CORVEL_NOT_WRITTEN;
+    const bool written = msg != nullptr ? device->writeMessage(*msg)
+                                        : CORVEL_LOG(failure, "Write failed,msg is null");
+    return written ? CORVEL_SUCCESS : CORVEL_NOT_WRITTEN;
 }
 
 [[gnu::flatten]] int32_t corvel_readMessage(int32_t devIndex, _corvel_CanMsg* msg,
                                             uint32_t timeout) {
     const auto device = lookUp(devIndex, "Read failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
-    if (msg == nullptr) return logFailure("Read failed,msg is null", CORVEL_NO_FRAME);
-    return device->readMessage(*msg, timeout) ? CORVEL_SUCCESS : CORVEL_NO_FRAME;
+    const bool read = msg != nullptr ? device->readMessage(*msg, timeout)
+                                     : CORVEL_LOG(failure, "Read failed,msg is null");
+    return read ? CORVEL_SUCCESS : CORVEL_NO_FRAME;
 }

@@ -50,16 +50,16 @@ public:
     bool writeMessage(const _corvel_CanMsg& msg);
 
 private:
-    struct Opening;
+    struct Session;
 
     std::shared_ptr<IDriver> m_driver;
     DeviceDesc m_desc;
     bool m_isOpen = false;
     bool m_canFd = false;
-    std::mutex m_stateMutex;  // guards m_desc, m_isOpen, m_canFd and m_opening
+    std::mutex m_stateMutex;  // guards m_desc, m_isOpen, m_canFd and m_session
     std::mutex m_readMutex;   // one read at a time
     std::mutex m_writeMutex;  // one write at a time
-    std::shared_ptr<Opening> m_opening;
+    std::shared_ptr<Session> m_session;
 };
 
 }  // namespace corvel
