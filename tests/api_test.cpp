@@ -40,13 +40,13 @@ static const std::string upCanFd =
     "sudo ip link set can0 up type can bitrate 500000 sample-point 0.75 dbitrate 2000000 "
     "sample-point 0.75 restart-ms 0 fd on";
 static const std::string bound = R"(
-aab/b socket 29 3 1
-aab/b ioctl 50 index can0
-aab/b bind 50 16 1D0000004D
+aab/b socket PF_CAN SOCK_RAW CAN_RAW
+aab/b ioctl 50 INDEX can0
+aab/b bind 50 family 29 ifindex 77 size 16
 )";
 static const std::string registered = "aab/ log 2 Successfully opened Corvel.\naaba/ = 0\n";
 static const std::string released = R"(
-ab/b ioctl 50 flags can0
+ab/b ioctl 50 FLAGS can0
 ab/b close 50
 ab/b log 2 sudo ip link set can0 down
 ab/b system sudo ip link set can0 down
@@ -55,17 +55,19 @@ ab/ = 0
 )";
 
 TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
-    EXPECT_EQ(during(init), scanned + "aab/b log 2 " + up + "\naab/b system " + up +
-                                "\naab/b system sudo ip link set can0 txqueuelen 2000" + bound +
-                                registered);
+    EXPECT_EQ(callsOf(init), scanned + "aab/b log 2 " + up + "\naab/b system " + up +
+                                 "\naab/b system sudo ip link set can0 txqueuelen 2000" + bound +
+                                 registered);
     EXPECT_EQ(fcntl(50, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(50, F_GETFL) & O_NONBLOCK, 0);
-    EXPECT_EQ(during(init), "\na/a log 4 Failed open Corvel.The device is already open.\na/ = 1\n");
-    EXPECT_EQ(during(send), "\nabc/c write 50 16 2301000003000000010203\nabc/ = 0\n");
+    EXPECT_EQ(callsOf(init),
+              "\na/a log 4 Failed open Corvel.The device is already open.\na/ = 1\n");
+    EXPECT_EQ(callsOf(send), "\nabc/c write 50 16:2301000003000000010203\nabc/ = 0\n");
     write(50, bytes("", 16).data(), 16);
-    EXPECT_EQ(during(receive<0, 1500>), "\nabd/d select 50 1 500000\nabd/d read 50 72\nabd/ = 0\n");
-    EXPECT_EQ(during(release), released);
-    EXPECT_EQ(during(release), "\na/a log 3 Free failed,No such device\na/ = 1\n");
+    EXPECT_EQ(callsOf(receive<0, 1500>),
+              "\nabd/d select 50 1 500000\nabd/d read 50 72\nabd/ = 0\n");
+    EXPECT_EQ(callsOf(release), released);
+    EXPECT_EQ(callsOf(release), "\na/a log 3 Free failed,No such device\na/ = 1\n");
     EXPECT_EQ(init(), 0) << "a released index is free";
 }
 
@@ -73,34 +75,35 @@ TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
 // call that fails is left out, so that no frame of another interface is let in.
 TEST_F(ApiTest, AReleaseReportsALinkThatIsDownAlready) {
     m_linkIsUp = false;
-    const std::string calls[] = {"ab/b ioctl 50 flags can0", "ab/b ioctl 50 index can0",
-                                 "ab/b setsockopt 50 101 1 0 ", "ab/b bind 50 16 1D",
-                                 "ab/b bind 50 16 1D0000004D"};
+    const std::string calls[] = {
+        "ab/b ioctl 50 FLAGS can0", "ab/b ioctl 50 INDEX can0",
+        "ab/b setsockopt 50 FILTER 0:", "ab/b bind 50 family 29 ifindex 0 size 16",
+        "ab/b bind 50 family 29 ifindex 77 size 16"};
     std::string expected = "\n";
     for (const std::string& call : calls) {
         m_locks.clear();  // named anew for each device
         ASSERT_EQ(init(), 0);
         expected += call + '\n';
-        m_orders = {{call.substr(5), -1, 19}};
-        EXPECT_EQ(during(release), expected + released.substr(released.find("ab/b close")));
+        m_answers = {{call.substr(5), -1, 19}};
+        EXPECT_EQ(callsOf(release), expected + released.substr(released.find("ab/b close")));
     }
 }
 
 TEST_F(ApiTest, ACanFdDeviceFromInitialisationToRelease) {
-    EXPECT_EQ(during(initCanFd), scanned + "aab/b log 2 " + upCanFd + "\naab/b system " + upCanFd +
-                                     "\naab/b system sudo ip link set can0 txqueuelen 10000" +
-                                     bound + "aab/b setsockopt 50 101 5 4 01\n" + registered);
-    EXPECT_EQ(during(send), "\nabc/c write 50 72 2301000003010000010203\nabc/ = 0\n");
-    EXPECT_EQ(during(poll), "\nabd/d select 50 0 0\nabd/ = 2\n");
+    EXPECT_EQ(callsOf(initCanFd), scanned + "aab/b log 2 " + upCanFd + "\naab/b system " + upCanFd +
+                                      "\naab/b system sudo ip link set can0 txqueuelen 10000" +
+                                      bound + "aab/b setsockopt 50 FD_FRAMES 4:01\n" + registered);
+    EXPECT_EQ(callsOf(send), "\nabc/c write 50 72:2301000003010000010203\nabc/ = 0\n");
+    EXPECT_EQ(callsOf(poll), "\nabd/d select 50 0 0\nabd/ = 2\n");
     EXPECT_EQ(initOther(), 0);
-    EXPECT_EQ(during(sendOn<1>), "\naef/f write 51 72 2301000003010000010203\naef/ = 0\n");
-    m_orders = {{"system", 0x100}};
-    EXPECT_EQ(during(release), released) << "what the command achieves is not examined";
+    EXPECT_EQ(callsOf(sendOn<1>), "\naef/f write 51 72:2301000003010000010203\naef/ = 0\n");
+    m_answers = {{"system", 0x100}};
+    EXPECT_EQ(callsOf(release), released) << "what the command achieves is not examined";
 }
 
 TEST_F(ApiTest, UnknownIndexesAndNullRecordsAreRefused) {
-    EXPECT_EQ(during(send), "\na/a log 3 Write failed,No such device\na/ = 1\n");
-    EXPECT_EQ(during(poll), "\na/a log 3 Read failed,No such device\na/ = 1\n");
+    EXPECT_EQ(callsOf(send), "\na/a log 3 Write failed,No such device\na/ = 1\n");
+    EXPECT_EQ(callsOf(poll), "\na/a log 3 Read failed,No such device\na/ = 1\n");
     const auto initLast = [] { return corvel_initDLL(-1, 4294968, true, 4294967); };
     m_links = {{772, "lo"}};
     EXPECT_EQ(outcome(initLast),
@@ -115,31 +118,33 @@ TEST_F(ApiTest, UnknownIndexesAndNullRecordsAreRefused) {
     EXPECT_EQ(corvel_freeDLL(-1), 0);
 }
 
-// Which call gives which result and errno; the messages; what is closed.
+// The name of the case; which call gives which result and errno; the messages; what is closed.
 static const char* const failures = R"(
-system         65280   0 log 4 Command returned non-zero exit code: 255; log 4 error execute system cmd, error:255
-system           134   0 log 4 Command terminated by signal: 6; log 4 error execute system cmd, error:-1
-system          4991   0 log 4 Command did not exit normally.\n; log 4 error execute system cmd, error:-1
-system            -1  10 log 4 system() failed, errno: 10 (No child processes); log 4 error execute system cmd, error:-1
-txqueuelen         2   0 log 4 Command terminated by signal: 2; log 4 error execute system cmd, error:-1
-29                -1  97 log 4 error while opening socket
-ioctl             -1  19 log 4 error reading index of can0: No such device; close 50
-bind              -1  19 log 4 Error in socket bind; close 50
-setsockopt        -1  92 log 4 Error set CanFD; close 50
+up_exits        system         65280   0 log 4 Command returned non-zero exit code: 255; log 4 error execute system cmd, error:255
+up_is_ended     system           134   0 log 4 Command terminated by signal: 6; log 4 error execute system cmd, error:-1
+up_ends_oddly   system          4991   0 log 4 Command did not exit normally.\n; log 4 error execute system cmd, error:-1
+up_is_not_run   system            -1  10 log 4 system() failed, errno: 10 (No child processes); log 4 error execute system cmd, error:-1
+length_is_ended txqueuelen         2   0 log 4 Command terminated by signal: 2; log 4 error execute system cmd, error:-1
+no_socket       PF_CAN            -1  97 log 4 error while opening socket
+no_index        ioctl             -1  19 log 4 error reading index of can0: No such device; close 50
+no_binding      bind              -1  19 log 4 Error in socket bind; close 50
+no_can_fd       setsockopt        -1  92 log 4 Error set CanFD; close 50
 )";
 
 TEST_F(ApiTest, AFailedInitialisationSaysWhyAndLeavesNothing) {
-    Order order;
-    std::string messages;
-    for (std::istringstream rows(failures); rows >> order.text >> order.result >> order.error;) {
+    Answer answer;
+    std::string name, messages;
+    for (std::istringstream rows(failures);
+         rows >> name >> answer.text >> answer.result >> answer.error;) {
         std::getline(rows >> std::ws, messages);
-        m_orders = {order};
+        SCOPED_TRACE(name);
+        m_answers = {answer};
         EXPECT_EQ(outcome(initCanFd),
                   "log 2 " + upCanFd + "; " + messages + "; log 4 Open Corvel failed.; = 5");
-        EXPECT_EQ(send(), 1) << "registered after: " << messages;
+        EXPECT_EQ(send(), 1) << "registered";
     }
     const std::string unscanned = "log 4 could not access netlink device list, error code:";
-    m_orders = {{"nl_socket_alloc", -1}, {"alloc_cache", -12}, {"nl_connect", -7}};
+    m_answers = {{"nl_socket_alloc", -1}, {"alloc_cache", -12}, {"nl_connect", -7}};
     EXPECT_EQ(outcome(init), unscanned + "-5; log 4 Scan failed.; = 1");
     EXPECT_EQ(outcome(init), unscanned + "-12; log 4 Scan failed.; = 1");
     EXPECT_EQ(init(), 0) << "a socket that is not connected shows in what follows";
@@ -149,7 +154,7 @@ TEST_F(ApiTest, ASocketLeavesTheNumbersOfTheStandardStreamsAlone) {
     const int streams[] = {dup(0), dup(1), dup(2)};
     for (const int number : {0, 2}) {
         close(m_firstSocket = number);
-        EXPECT_NE(during(init).find("close " + std::to_string(number)), std::string::npos);
+        EXPECT_NE(callsOf(init).find("close " + std::to_string(number)), std::string::npos);
         EXPECT_EQ(fcntl(number, F_GETFD), -1);
         EXPECT_EQ(outcome(send).find("write " + std::to_string(number)), std::string::npos);
         EXPECT_EQ(release(), 0);
@@ -157,76 +162,80 @@ TEST_F(ApiTest, ASocketLeavesTheNumbersOfTheStandardStreamsAlone) {
     for (int i = 0; i < 3; ++i) dup2(streams[i], i), close(streams[i]);
 }
 
-// A record's identifier, payload, length, and remote and extended; the 16 bytes that are written of
-// it in classic mode; what happens in CAN FD mode.
+// The name of the case; a record's identifier, payload, length, and remote and extended; the 16
+// bytes that are written of it in classic mode; what happens in CAN FD mode.
 static const char* const written = R"(
-23010000 0102030405060708 08 0000 23010000080000000102030405060708 write 51 72 23010000080100000102030405060708; = 0
-FF070000 0102030000000000 02 0000 FF070000020000000102             write 51 72 FF070000020100000102; = 0
-01000000 0100000000000000 00 0000 01                               write 51 72 010000000001; = 0
-DEBC1A00 0100000000000000 01 0001 DEBC1A800100000001               write 51 72 DEBC1A800101000001; = 0
-230100E0 0100000000000000 01 0080 230100E00100000001               write 51 72 230100E00101000001; = 0
-23010000 0102000000000000 02 0100 23010040020000000102             log 4 CAN FD does not support remote frames; = 3
-23010000 0000000000000000 09 0202 230100C008                       log 4 CAN FD does not support remote frames; = 3
-23010000 0102030405060708 09 0000 23010000080000000102030405060708 log 4 CAN FD frame refused, len above 8:9; = 3
+full        23010000 0102030405060708 08 0000 23010000080000000102030405060708 write 51 72:23010000080100000102030405060708; = 0
+standard    FF070000 0102030000000000 02 0000 FF070000020000000102             write 51 72:FF070000020100000102; = 0
+empty       01000000 0100000000000000 00 0000 01                               write 51 72:010000000001; = 0
+extended    DEBC1A00 0100000000000000 01 0001 DEBC1A800100000001               write 51 72:DEBC1A800101000001; = 0
+flags_in_id 230100E0 0100000000000000 01 0080 230100E00100000001               write 51 72:230100E00101000001; = 0
+remote      23010000 0102000000000000 02 0100 23010040020000000102             log 4 CAN FD does not support remote frames; = 3
+remote_of_9 23010000 0000000000000000 09 0202 230100C008                       log 4 CAN FD does not support remote frames; = 3
+of_9        23010000 0102030405060708 09 0000 23010000080000000102030405060708 log 4 CAN FD frame refused, len above 8:9; = 3
 )";
 
 TEST_F(ApiTest, FramesWritten) {
     ASSERT_EQ(init() + initOther(), 0);
-    std::string id, data, len, flags, classic, canFd;
-    for (std::istringstream rows(written); rows >> id >> data >> len >> flags >> classic;) {
+    std::string name, id, data, len, flags, classic, canFd;
+    for (std::istringstream rows(written); rows >> name >> id >> data >> len >> flags >> classic;) {
         std::getline(rows >> std::ws, canFd);
+        SCOPED_TRACE(name);
         _corvel_CanMsg msg;
         const std::string record = bytes(id + data + len + "09090909090909" + flags, sizeof msg);
         memcpy(&msg, record.data(), sizeof msg);
         EXPECT_EQ(outcome([&] { return corvel_writeMessage(0, &msg); }),
-                  "write 50 16 " + classic + "; = 0");
+                  "write 50 16:" + classic + "; = 0");
         EXPECT_EQ(outcome([&] { return corvel_writeMessage(1, &msg); }), canFd);
     }
 }
 
-// A frame's size and first bytes; what becomes of a record of which all bytes were A5; the outcome.
+// The name of the case; a frame's size and first bytes; what becomes of a record of which all bytes
+// were A5; the outcome.
 static const char* const received = R"(
-16 2301000003000000010203040506       23010000 010203A5A5A5A5A5 03 0000 = 0
-72 2301000003FF0000010203040506       23010000 010203A5A5A5A5A5 03 0000 = 0
-72 FF07008008000000010203040506070809 FF070080 0102030405060708 08 0001 = 0
-16 FF07004002                         FF070040 0000A5A5A5A5A5A5 02 0100 = 0
-16 DEBC1AC0                           DEBC1AC0 A5A5A5A5A5A5A5A5 00 0101 = 0
-16 80000020090000000102030405060708   80000020 0102030405060708 08 0000 = 0
-72 2301000009                         A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 CAN FD frame dropped, len above 8:9; = 2
-15 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 15; = 2
-17 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 17; = 2
-71 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 71; = 2
+classic       16 2301000003000000010203040506       23010000 010203A5A5A5A5A5 03 0000 = 0
+can_fd        72 2301000003FF0000010203040506       23010000 010203A5A5A5A5A5 03 0000 = 0
+extended_full 72 FF07008008000000010203040506070809 FF070080 0102030405060708 08 0001 = 0
+remote_empty  16 FF07004002                         FF070040 0000A5A5A5A5A5A5 02 0100 = 0
+both_flags    16 DEBC1AC0                           DEBC1AC0 A5A5A5A5A5A5A5A5 00 0101 = 0
+error         16 80000020090000000102030405060708   80000020 0102030405060708 08 0000 = 0
+can_fd_of_9   72 2301000009                         A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 CAN FD frame dropped, len above 8:9; = 2
+short         15 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 15; = 2
+odd           17 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 17; = 2
+too_short_fd  71 2301                               A5A5A5A5 A5A5A5A5A5A5A5A5 A5 A5A5 log 4 invalid CAN frame size: 71; = 2
 )";
 
 TEST_F(ApiTest, FramesReadInEitherMode) {
     ASSERT_EQ(init() + initOther(), 0);
     size_t size;
-    std::string frame, id, data, len, flags, expected;
-    for (std::istringstream rows(received); rows >> size >> frame >> id >> data >> len >> flags;) {
+    std::string name, frame, id, data, len, flags, expected;
+    for (std::istringstream rows(received);
+         rows >> name >> size >> frame >> id >> data >> len >> flags;) {
         std::getline(rows >> std::ws, expected);
+        SCOPED_TRACE(name);
         for (const int32_t index : {0, 1}) {
             write(50 + index, bytes(frame, size).data(), size);
             _corvel_CanMsg msg;
             memset(&msg, 0xA5, sizeof msg);
             EXPECT_EQ(outcome([&] { return corvel_readMessage(index, &msg, 9); }), expected);
             EXPECT_EQ(testing::PrintToString(Bytes{&msg, sizeof msg}),
-                      "24 " + id + data + len + "A5A5A5A5A5A5A5" + flags + "A5A5");
+                      "24:" + id + data + len + "A5A5A5A5A5A5A5" + flags + "A5A5");
         }
     }
 }
 
 TEST_F(ApiTest, FramesThatFail) {
     ASSERT_EQ(init(), 0);
-    m_orders = {{"write 50", -1, 105}, {"write 50", 8, 28}, {"write 50", -1, 100}};
-    const std::string write = "write 50 16 2301000003000000010203; log 4 write error:";
+    m_answers = {{"write 50", -1, 105}, {"write 50", 8, 28}, {"write 50", -1, 100}};
+    const std::string write = "write 50 16:2301000003000000010203; log 4 write error:";
     EXPECT_EQ(outcome(send), write + "No buffer space available(errno=105); = 3");
     EXPECT_EQ(outcome(send), write + "No space left on device(errno=28); = 3");
-    EXPECT_EQ(during(send), R"(
-abc/c write 50 16 2301000003000000010203
+    EXPECT_EQ(callsOf(send), R"(
+abc/c write 50 16:2301000003000000010203
 abc/c log 4 write error:Network is down(errno=100)
 abc/ = 3
 )");
-    m_orders = {
+    m_answers = {
         {"select 50", -1, 4}, {"select 50", 1}, {"read", -1, 100}, {"select 50", 1}, {"read", 0}};
     EXPECT_EQ(outcome(poll), "log 4 select() error: Interrupted system call; = 2");
     EXPECT_EQ(outcome(poll), "log 4 read() error: Network is down; = 2");
@@ -240,12 +249,12 @@ TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
     m_firstSocket = 1023;
     ASSERT_EQ(init() + initOther(), 0);
     for (const int fd : {1023, 1024}) write(fd, bytes("", 16).data(), 16);
-    EXPECT_EQ(during(receive<0, 4294967295>),
+    EXPECT_EQ(callsOf(receive<0, 4294967295>),
               "\nabd/d select 1023 4294967 295000\nabd/d read 1023 72\nabd/ = 0\n");
-    EXPECT_EQ(during(receive<1, 4294967295>),
+    EXPECT_EQ(callsOf(receive<1, 4294967295>),
               "\nace/e ppoll 1 1024 1 4294967 295000000\nace/e read 1024 72\nace/ = 0\n");
-    EXPECT_EQ(during(receive<1, 0>), "\nace/e ppoll 1 1024 1 0 0\nace/ = 2\n");
-    m_orders = {{"ppoll", -1, 4}};
+    EXPECT_EQ(callsOf(receive<1, 0>), "\nace/e ppoll 1 1024 1 0 0\nace/ = 2\n");
+    m_answers = {{"ppoll", -1, 4}};
     EXPECT_EQ(outcome(receive<1, 0>), "log 4 select() error: Interrupted system call; = 2");
 }
 
@@ -271,7 +280,7 @@ TEST_F(ApiTest, CyclesLeaveTheHeapAsItWas) {
     for (int i = -10; i < 10000 && !HasFailure(); ++i) {  // the first make what is made once
         if (i == 0) heap = mallinfo2().uordblks;
         const auto cycle = [] { return initCanFd() + send() + release(); };
-        EXPECT_NE(during(cycle).find("= 0"), std::string::npos);
+        EXPECT_NE(callsOf(cycle).find("= 0"), std::string::npos);
     }
     EXPECT_EQ(mallinfo2().uordblks, heap);
 }

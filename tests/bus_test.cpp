@@ -76,7 +76,7 @@ private:
 class WaitingRead {
 public:
     WaitingRead() { sleep_for(milliseconds(150)); }
-    void endsWhen(const char* cause, const std::function<int()>& action) {
+    void returnsAfter(const char* cause, const std::function<int()>& action) {
         const auto start = Clock::now();
         EXPECT_EQ(action(), 0) << cause;
         EXPECT_EQ(m_status.wait_for(std::chrono::seconds(10)), std::future_status::ready) << cause;
@@ -123,8 +123,8 @@ TEST_F(BusTest, ManyFramesInOrder) {
 TEST_F(BusTest, AReleaseEndsReads) {
     openBoth();
     WaitingRead first, second;
-    first.endsWhen("released", [&] {
-        second.endsWhen("released while it waited its turn", [] {
+    first.returnsAfter("released", [&] {
+        second.returnsAfter("released while it waited its turn", [] {
             EXPECT_EQ(corvel_freeDLL(0) + open(0) + write(1), CORVEL_SUCCESS);
             return read(0, 2000);
         });
@@ -137,17 +137,17 @@ TEST_F(BusTest, ACutLinkEndsOneReadAndAReleaseTheNext) {
     openBoth();
     WaitingRead first;
     if (const char* const removal = getenv("CORVEL_TEST_REMOVE")) {
-        first.endsWhen("adapter removed", [=] { return system(removal); });
+        first.returnsAfter("adapter removed", [=] { return system(removal); });
         EXPECT_EQ(write(0), CORVEL_NOT_WRITTEN);
         EXPECT_EQ(corvel_freeDLL(0), CORVEL_SUCCESS);
         EXPECT_EQ(open(0), CORVEL_NO_DEVICE);
         return;
     }
-    first.endsWhen("link taken down", [] { return system(cut); });
+    first.returnsAfter("link taken down", [] { return system(cut); });
     const auto start = Clock::now();
     EXPECT_EQ(read(0, 300), CORVEL_NO_FRAME);
     EXPECT_GE(Clock::now() - start, milliseconds(300)) << "told a second time";
-    WaitingRead().endsWhen("released, link down already", [] { return corvel_freeDLL(0); });
+    WaitingRead().returnsAfter("released, link down already", [] { return corvel_freeDLL(0); });
 }
 
 // Writes without pause may take from a read what tells it that the link is down; a release does not
@@ -175,7 +175,7 @@ TEST_F(BusTest, AReleaseEndsReadsOfAProcessWithoutDescriptors) {
     WaitingRead waiting;
     std::vector<int> taken;
     while (taken.empty() || taken.back() >= 0) taken.push_back(::open("/dev/null", O_CLOEXEC));
-    waiting.endsWhen("released without descriptors", [] { return corvel_freeDLL(0); });
+    waiting.returnsAfter("released without descriptors", [] { return corvel_freeDLL(0); });
     for (const int fd : taken) ::close(fd);
 }
 

@@ -38,21 +38,21 @@ TEST_F(HandleTest, AHandleFollowsItsStates) {
     const auto read = [&] { return device->readMessage(msg, 60000); };
     const std::string down = "log 2 sudo ip link set can0 down; = 0";
     const std::string notOpen = "\na/a log 4 Failed to write, isOpen:0 fd:-1 handle:0\na/ = 0\n";
-    EXPECT_EQ(during(read), "\na/ = 0\n") << "at once, without a message";
-    EXPECT_EQ(during(write), notOpen);
+    EXPECT_EQ(callsOf(read), "\na/ = 0\n") << "at once, without a message";
+    EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_EQ(outcome(close), down);
-    m_orders = {{"bind", -1}};
+    m_answers = {{"bind", -1}};
     EXPECT_FALSE(open());
-    EXPECT_EQ(during(write), notOpen);
+    EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_TRUE(device->open(1, true, 2));
-    EXPECT_EQ(during(open), "\na/a log 3 The device is already open!\na/ = 0\n");
-    EXPECT_EQ(outcome(write), "write 50 72 000000000001; = 1") << "in the mode of before";
-    m_orders = {{"system", -1, 10}};
+    EXPECT_EQ(callsOf(open), "\na/a log 3 The device is already open!\na/ = 0\n");
+    EXPECT_EQ(outcome(write), "write 50 72:000000000001; = 1") << "in the mode of before";
+    m_answers = {{"system", -1, 10}};
     EXPECT_EQ(outcome(close), "close 50; " + down);
-    EXPECT_EQ(during(write), notOpen);
+    EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_TRUE(open());
-    EXPECT_EQ(outcome(write), "write 50 16 ; = 1");
-    EXPECT_EQ(during([&] { return device.reset(), 0; }), "\n/ = 0\n") << "it closes nothing";
+    EXPECT_EQ(outcome(write), "write 50 16:; = 1");
+    EXPECT_EQ(callsOf([&] { return device.reset(), 0; }), "\n/ = 0\n") << "it closes nothing";
     ::close(50);
 }
 
@@ -66,8 +66,8 @@ TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
     }
     for (const char* const name : {"can456789012345", "a-Z.9_z0A"}) {
         const auto device = handle(name);
-        const std::string opened = during([&] { return device->open(1, false, 1); });
-        EXPECT_NE(opened.find(std::string("index ") + name + '\n'), std::string::npos);
+        const std::string opened = callsOf([&] { return device->open(1, false, 1); });
+        EXPECT_NE(opened.find(std::string("INDEX ") + name + '\n'), std::string::npos);
         device->close();
     }
 }
@@ -80,9 +80,9 @@ TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
                   "log 4 select() error: Bad file descriptor; = 0");
         EXPECT_EQ(outcome([&] { return driver->writeMessage(desc, msg, false); }),
                   "write " + std::to_string(fd) +
-                      " 16 ; log 4 write error:Bad file descriptor(errno=9); = 0");
+                      " 16:; log 4 write error:Bad file descriptor(errno=9); = 0");
     }
     desc.fd = 0;
-    m_orders = {{"select 0", 0}};
-    EXPECT_EQ(driver->readMessage(desc, msg, false, 1) + m_orders.size(), 0);
+    m_answers = {{"select 0", 0}};
+    EXPECT_EQ(driver->readMessage(desc, msg, false, 1) + m_answers.size(), 0);
 }

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/can.h>
+#include <linux/can/raw.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <netlink/cache.h>
@@ -42,7 +43,7 @@ bool isLibrary(const void* caller) {
 
 const auto succeed = [] { return 0; };
 
-// Records a call, and gives what is ordered for it, or else what `usual` does.
+// Records a call, and gives the answer that waits for it, or else what `usual` gives.
 template <typename Usual, typename... Words>
 int answer(const Usual& usual, const char* name, const Words&... words) {
     const int error = errno;
@@ -53,12 +54,18 @@ int answer(const Usual& usual, const char* name, const Words&... words) {
     if (current->m_onCall) current->m_onCall(line.str());
     record += locksTaken + '/' + locksHeld + ' ' + line.str() + '\n';
     errno = error;
-    auto& orders = current->m_orders;
-    if (orders.empty() || line.str().find(orders.front().text) == std::string::npos) return usual();
-    const Order order = orders.front();
-    orders.pop_front();
-    errno = order.error;
-    return order.result;
+    auto& answers = current->m_answers;
+    if (answers.empty() || line.str().find(answers.front().text) == std::string::npos)
+        return usual();
+    const Answer given = answers.front();
+    answers.pop_front();
+    errno = given.error;
+    return given.result;
+}
+
+std::string nameOf(long value, const std::map<long, const char*>& names) {
+    const auto found = names.find(value);
+    return found != names.end() ? found->second : std::to_string(value);
 }
 
 // In a CAN socket's place: a pipe of packets, of which both ends are one descriptor.
@@ -145,22 +152,28 @@ void nl_close(nl_sock*) {
 
 int socket(int domain, int type, int protocol) {
     if (domain != PF_CAN) return REAL(socket)(domain, type, protocol);
-    return answer(openPipe, "socket", domain, type, protocol);
+    return answer(openPipe, "socket", "PF_CAN", type == SOCK_RAW ? "SOCK_RAW" : "?",
+                  protocol == CAN_RAW ? "CAN_RAW" : "?");
 }
 int ioctl(int fd, unsigned long request, ifreq* argument) {  // variadic in its header
+    const Memory memory;
     const std::string name = argument->ifr_name;
     if (request == SIOCGIFINDEX) argument->ifr_ifindex = 77;
     if (request == SIOCGIFFLAGS) argument->ifr_flags = current->m_linkIsUp ? IFF_UP : 0;
-    const char* const asked = request == SIOCGIFINDEX   ? "index"
-                              : request == SIOCGIFFLAGS ? "flags"
-                                                        : "unknown";
+    const std::string asked =
+        nameOf(static_cast<long>(request), {{SIOCGIFINDEX, "INDEX"}, {SIOCGIFFLAGS, "FLAGS"}});
     return answer(succeed, "ioctl", fd, asked, name);
 }
 int bind(int fd, const sockaddr* address, socklen_t size) {
-    return answer(succeed, "bind", fd, Bytes{address, size});
+    const auto* const can = reinterpret_cast<const sockaddr_can*>(address);
+    return answer(succeed, "bind", fd, "family", can->can_family, "ifindex", can->can_ifindex,
+                  "size", size);
 }
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
-    return answer(succeed, "setsockopt", fd, level, option, Bytes{value, size});
+    const Memory memory;
+    const std::string name =
+        nameOf(option, {{CAN_RAW_FILTER, "FILTER"}, {CAN_RAW_FD_FRAMES, "FD_FRAMES"}});
+    return answer(succeed, "setsockopt", fd, level == SOL_CAN_RAW ? name : "?", Bytes{value, size});
 }
 int close(int fd) {
     if (FROM_LIBRARY) answer(succeed, "close", fd);
@@ -194,7 +207,7 @@ std::ostream& operator<<(std::ostream& out, const Bytes& bytes) {
     for (size_t i = 0; i < bytes.size; ++i) {
         text << std::setw(2) << +static_cast<const uint8_t*>(bytes.data)[i];
     }
-    return out << bytes.size << ' ' << std::regex_replace(text.str(), std::regex("(00)*$"), "");
+    return out << bytes.size << ':' << std::regex_replace(text.str(), std::regex("(00)*$"), "");
 }
 
 std::string bytes(const std::string& hexadecimal, size_t size) {
@@ -205,7 +218,7 @@ std::string bytes(const std::string& hexadecimal, size_t size) {
     return result;
 }
 
-std::string during(const std::function<int()>& call) {
+std::string callsOf(const std::function<int()>& call) {
     record = "\n", locksTaken.clear();
     answer(succeed, "=", call());
     return record;
@@ -213,7 +226,7 @@ std::string during(const std::function<int()>& call) {
 
 std::string outcome(const std::function<int()>& call) {
     const std::string locks = "\n[a-z]*/[a-z]* ", dropped = locks + "(?!log|write|close|=)[^\n]*";
-    std::string lines = std::regex_replace(during(call), std::regex(dropped), "");
+    std::string lines = std::regex_replace(callsOf(call), std::regex(dropped), "");
     lines = std::regex_replace(lines, std::regex(locks), "; ");
     return lines.substr(2, lines.size() - 3);
 }

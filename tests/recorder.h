@@ -14,21 +14,21 @@
 #include "../bench/allocations.h"
 #include "corvel/driverforsocketcan.h"
 
-// What the next call whose line holds the text gives, with this errno, instead of doing it.
-struct Order {
+// What the next call whose line holds the text gives, with this errno, instead of doing anything.
+struct Answer {
     std::string text;
     int result;
     int error = 0;
 };
 
-// Every test has a system of its own, and ends with the descriptors that it began with. Unless
-// ordered otherwise, all succeeds.
+// Every test has a system of its own, and ends with the descriptors that it began with. Calls
+// succeed unless an answer waits for them.
 class RecorderTest : public testing::Test {
 public:
     RecorderTest();
     ~RecorderTest() override;
 
-    std::list<Order> m_orders;                              // each waits for the one before it
+    std::list<Answer> m_answers;                            // each waits for the one before it
     std::function<void(const std::string& line)> m_onCall;  // runs in every call, before all else
     std::vector<std::pair<unsigned, const char*>> m_links{
         {772, "lo"}, {280, "can1"}, {280, "can0"}};
@@ -43,7 +43,7 @@ private:
 // What a call did and its result, each line after a line end: "TAKEN/HELD NAME ARGUMENTS", with the
 // letters of the locks that the library has taken for the call so far, and of those that it holds.
 // Log records are "log LEVEL MESSAGE".
-std::string during(const std::function<int()>& call);
+std::string callsOf(const std::function<int()>& call);
 
 // Only its log records, frames, closed sockets and result, without the locks, separated by "; ".
 std::string outcome(const std::function<int()>& call);
