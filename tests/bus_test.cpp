@@ -118,18 +118,24 @@ TEST_F(BusTest, ManyFramesInOrder) {
     EXPECT_EQ(read(1, 20), CORVEL_NO_FRAME);
 }
 
-// Both a read that waits and one that waits its turn come back when the device is released, and a
-// device initialised again at once is theirs in no way.
+// Both a read that waits and one that waits its turn return when the device is released, and take
+// nothing from the pipes that the application makes meanwhile, which get the lowest free numbers.
 TEST_F(BusTest, AReleaseEndsReads) {
     openBoth();
-    WaitingRead first, second;
-    first.returnsAfter("released", [&] {
-        second.returnsAfter("released while it waited its turn", [] {
-            EXPECT_EQ(corvel_freeDLL(0) + open(0) + write(1), CORVEL_SUCCESS);
-            return read(0, 2000);
+    std::vector<int> pipes;
+    {
+        WaitingRead first, second;
+        const Repeated opener([&] {
+            int ends[2];
+            if (pipes.size() == 400 || pipe2(ends, O_CLOEXEC) != 0) return false;
+            pipes.insert(pipes.end(), ends, ends + 2);
+            return ::write(ends[1], "16 bytes, a frame", 16) == 0;
         });
-        return 0;
-    });
+        first.returnsAfter("released", [] { return corvel_freeDLL(0); });
+        second.returnsAfter("released while it waited its turn", [] { return 0; });
+    }
+    for (const int fd : pipes) ::close(fd);
+    EXPECT_EQ(open(0) + write(1) + read(0, 2000), CORVEL_SUCCESS);
 }
 
 // A link that goes down by other hands is reported once; a release ends what waits nevertheless.
