@@ -23,6 +23,12 @@
  * - CAN sockets know socket, SIOCGIFINDEX, bind, CAN_RAW_FD_FRAMES, select or poll, read, write and
  *   close. Programs that want more (candump and the like) need a real or virtual interface.
  * - In a network namespace whose loopback interface is down, it is brought up, or nothing opens.
+ *
+ * An application's tests can have calls and commands fail that a healthy bus never fails: see
+ * examples/failures.c. The functions are weak: a program that calls them need not be linked with
+ * libsimcan.so, and finds them null where it is not preloaded. SIMCAN_SUDO_FAIL="WORD HOW N" in the
+ * environment ends a command that has WORD among its arguments: "exit N" with status N, "kill N"
+ * from signal N.
  */
 #ifndef SIMCAN_H
 #define SIMCAN_H
@@ -48,13 +54,13 @@ enum simcan_Call {
  * @param error errno that it then sets; for SIMCAN_CACHE the libnl error, which it returns negated.
  *              0 takes the order back.
  */
-void simcan_failNext(enum simcan_Call call, int error);
+__attribute__((weak)) void simcan_failNext(enum simcan_Call call, int error);
 
 /**
  * Tells every socket on an interface, in all processes of this user, that its link went down: one
  * read of each fails with ENETDOWN.
  */
-void simcan_linkDown(const char* interface);
+__attribute__((weak)) void simcan_linkDown(const char* interface);
 
 #ifdef __cplusplus
 }

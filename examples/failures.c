@@ -1,0 +1,41 @@
+// What a healthy bus never shows an application, for its own tests: simcan ./failures
+
+#include <errno.h>
+#include <simcan.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <tn_corvel.h>
+
+static int surprises = 0;
+
+static void expect(const char* what, int status, int expected) {
+    printf("%-40s status %d\n", what, status);
+    if (status != expected) surprises++;
+}
+
+int main(void) {
+    if (simcan_failNext == NULL) {
+        fprintf(stderr, "failures: to be run on the simulated bus: simcan ./failures\n");
+        return 2;
+    }
+    const _corvel_CanMsg msg = {.id = 0x123};
+    _corvel_CanMsg got;
+
+    setenv("SIMCAN_SUDO_FAIL", "txqueuelen exit 2", 1);
+    expect("a command that fails", corvel_initDLL(0, 500, false, 0), CORVEL_OPEN_FAILED);
+    unsetenv("SIMCAN_SUDO_FAIL");
+    expect("a rate that no adapter makes", corvel_initDLL(0, 500000, false, 0), CORVEL_OPEN_FAILED);
+    simcan_failNext(SIMCAN_CACHE, 12);
+    expect("interfaces that cannot be listed", corvel_initDLL(0, 500, false, 0), CORVEL_NO_DEVICE);
+
+    expect("initialise", corvel_initDLL(0, 500, false, 0), CORVEL_SUCCESS);
+    simcan_failNext(SIMCAN_WRITE, ENOBUFS);
+    expect("a full transmit queue", corvel_writeMessage(0, &msg), CORVEL_NOT_WRITTEN);
+    expect("the same frame again", corvel_writeMessage(0, &msg), CORVEL_SUCCESS);
+    simcan_linkDown("can0");
+    expect("a link that others take down", corvel_readMessage(0, &got, 1000), CORVEL_NO_FRAME);
+    expect("release", corvel_freeDLL(0), CORVEL_SUCCESS);
+
+    puts(surprises == 0 ? "all as expected" : "NOT as expected");
+    return surprises == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
