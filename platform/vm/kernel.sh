@@ -27,7 +27,7 @@ if tar -xJf /usr/src/linux-source-*.tar.xz --strip-components=4 --wildcards \
     '*/drivers/net/can/ctucanfd' 2>/dev/null; then
     sed -i 's/if (!framecnt && res != 0/& \&\& work_done < quota/' ctucanfd/ctucanfd_base.c
     grep -qF '&& work_done < quota) {' ctucanfd/ctucanfd_base.c ||
-        echo "the driver's source has changed: does it still need mending?" >&2
+        { echo "the driver's source has changed: does it still need mending?" >&2; exit 1; }
     make -s -C "/usr/src/linux-headers-$version" M=/vm/ctucanfd \
         CONFIG_CAN_CTUCANFD=m CONFIG_CAN_CTUCANFD_PCI=m modules
     cp ctucanfd/*.ko "/lib/modules/$version"
