@@ -12,9 +12,10 @@
  *   when the link is down, and their file descriptor is not reused before they return.
  * - A device delivers frames of its own interface only. Once its adapter has been removed it
  *   delivers none and takes none, until it is released and initialised again.
- * - Failures are reported by status, and the reason goes to the log. C++ callers: std::bad_alloc
- *   passes through. Afterwards no lock is held, no descriptor is left open, an initialisation has
- *   registered nothing, a release has removed the device, and the next call works.
+ * - Failures are reported by status, and the reason goes to the log: to libpelid_log.so, whose
+ *   stand-in writes to standard error. C++ callers: std::bad_alloc passes through. Afterwards no
+ *   lock is held, no descriptor is left open, an initialisation has registered nothing, a release
+ *   has removed the device, and the next call works. Only the link may be left up.
  * - A process that ends, and a library that is unloaded, wait for no lock.
  *
  * What the caller must do:
@@ -79,16 +80,18 @@ typedef struct _corvel_CanMsg {
  * Configures interface "can" + devIndex, brings it up and opens it.
  *
  * Runs two `ip link set` commands under `sudo`, which the calling user must be allowed to use, and
- * takes as long as they do. A link that is up already is not taken down: CORVEL_OPEN_FAILED. After
- * CORVEL_OPEN_FAILED the link may be left up.
+ * takes as long as they do; docs/permissions.md has a sudoers file for them. A link that is up
+ * already is not taken down: CORVEL_OPEN_FAILED. After CORVEL_OPEN_FAILED the link may be left up.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index
  * @param bitrate  nominal bit rate in kbit/s, at most 4294967; examined by the controller's driver
  *                 alone. 0 keeps the timing that the link has.
  * @param canFd    true: CAN FD. Every frame is then sent as a CAN FD frame with bit-rate switch.
  * @param dbitrate data-phase bit rate in kbit/s, as bitrate; without effect unless canFd
- * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is already initialised, the interfaces
- *         cannot be listed or none has this number; CORVEL_OPEN_FAILED
+ * @retval CORVEL_SUCCESS (0) the device is open
+ * @retval CORVEL_NO_DEVICE (1) the index is initialised already, the interfaces cannot be listed,
+ *         or none has this number
+ * @retval CORVEL_OPEN_FAILED (5) the interface exists but could not be configured or opened
  */
 CORVEL_API int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd,
                                   uint32_t dbitrate);
@@ -97,24 +100,25 @@ CORVEL_API int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd
  * Closes a device and takes its interface down, by one `ip link set` command under `sudo`.
  *
  * @param devIndex index of an initialised device
- * @return CORVEL_SUCCESS, whatever the command achieved; CORVEL_NO_DEVICE when the index is not
- *         initialised
+ * @retval CORVEL_SUCCESS (0) the device is closed, whatever the command achieved
+ * @retval CORVEL_NO_DEVICE (1) the index is not initialised
  */
 CORVEL_API int32_t corvel_freeDLL(int32_t devIndex);
 
 /**
- * Hands one frame to the kernel for transmission. Does not wait for it to appear on the bus.
+ * Hands one frame to the kernel for transmission.
  *
- * The socket is a blocking one: when its send buffer is full, with some hundreds of frames not yet
- * on the bus, the call waits until one of them is, or a signal is handled on its thread. Where
- * nothing acknowledges frames, that may be until the device is released.
+ * Does not wait for the frame to appear on the bus. But when the socket's send buffer is full, with
+ * some hundreds of frames not yet on the bus, the call blocks until one of them is, the device is
+ * released, or a signal is handled on its thread.
  *
  * @param devIndex index of an initialised device
  * @param msg      frame to send
- * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is not initialised; CORVEL_NOT_WRITTEN
- *         when the transmit queue is full (try again later), a signal interrupted the wait for
- *         room, the link is down, msg is null, or a CAN FD device is asked for a remote frame or
- *         for more than 8 bytes
+ * @retval CORVEL_SUCCESS (0) the kernel has the frame
+ * @retval CORVEL_NO_DEVICE (1) the index is not initialised
+ * @retval CORVEL_NOT_WRITTEN (3) the transmit queue is full (try again later), a signal interrupted
+ *         the wait for room, the link is down, msg is null, or a CAN FD device is asked for a
+ *         remote frame or for more than 8 bytes
  */
 CORVEL_API int32_t corvel_writeMessage(int32_t devIndex, const struct _corvel_CanMsg* msg);
 
@@ -125,9 +129,10 @@ CORVEL_API int32_t corvel_writeMessage(int32_t devIndex, const struct _corvel_Ca
  * @param msg      receives the frame: id, len, remote, extended and the first len bytes of data.
  *                 Everything else in it, and all of it when no frame was read, stays as it was.
  * @param timeout  longest wait in milliseconds; 0 polls. There is no endless wait.
- * @return CORVEL_SUCCESS; CORVEL_NO_DEVICE when the index is not initialised; CORVEL_NO_FRAME when
- *         none came in time, a signal interrupted the wait, the link is down, msg is null, or a CAN
- *         FD frame of more than 8 bytes came, which is dropped
+ * @retval CORVEL_SUCCESS (0) a frame was read
+ * @retval CORVEL_NO_DEVICE (1) the index is not initialised
+ * @retval CORVEL_NO_FRAME (2) none came in time, a signal interrupted the wait, the link is down,
+ *         msg is null, or a CAN FD frame of more than 8 bytes came, which is dropped
  */
 CORVEL_API int32_t corvel_readMessage(int32_t devIndex, struct _corvel_CanMsg* msg,
                                       uint32_t timeout);
