@@ -1,77 +1,59 @@
 #!/bin/bash
-# Builds the library and its packages for ARM boards and runs the unit tests under qemu-user:
-# arm.sh arm64 (64 bit) or arm.sh armhf (32 bit). Debian's libraries for that architecture are unpacked
-# in a cache folder; the machine's own package system is not told.
-set -eu
+# Builds the packages for ARM boards in build/arm64 or build/armhf, and compares them with this machine's:
+# arm.sh arm64 (64 bit) or arm.sh armhf (32 bit). Debian's libraries for that architecture come into a
+# throw-away root, where the unit tests run under qemu-user.
+set -eu -o pipefail
 . "$(dirname "$0")/common.sh"
 case ${1-} in
-    arm64) export ARM_TRIPLET=aarch64-linux-gnu ARM_PROCESSOR=aarch64 emulator=qemu-aarch64 ;;
-    armhf) export ARM_TRIPLET=arm-linux-gnueabihf ARM_PROCESSOR=armv7 emulator=qemu-arm ;;
+    arm64) emulator=qemu-aarch64 ;;
+    armhf) emulator=qemu-arm ;;
     *) sed -n '2,4s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
 esac
 architecture=$1
-install_packages $build_packages $cpack_packages "g++-$ARM_TRIPLET" qemu-user
+here=$(dpkg --print-architecture)
+install_packages mmdebstrap
+mirror=$(debian_mirror)
+release=$(. /etc/os-release && echo "$VERSION_CODENAME")
+DEB_BUILD_PROFILES=nocheck DEB_BUILD_OPTIONS=nocheck scripts/package.sh >/dev/null
 
-export ARM_ROOT=$cache/$architecture
-if [ ! -e "$ARM_ROOT/complete" ]; then
-    apt=$ARM_ROOT/apt
-    mkdir -p "$apt"/lists/partial "$apt"/archives/partial
-    : >"$apt/status"
-    mirror=$(debian_mirror)
-    echo "deb $mirror $(. /etc/os-release && echo "$VERSION_CODENAME") main" >"$apt/sources.list"
-    # Nothing of what apt runs here needs root.
-    foreign() {
-        apt-get -qq -o APT::Architecture="$architecture" -o APT::Architectures::="$architecture" \
-            -o Dir::Etc::SourceList="$apt/sources.list" -o Dir::Etc::SourceParts=- \
-            -o APT::Sandbox::User= -o Dir::State="$apt" -o Dir::State::Lists="$apt/lists" \
-            -o Dir::State::status="$apt/status" -o Dir::Cache="$apt" -o Debug::NoLocking=1 "$@"
-    }
-    foreign update
-    (cd "$apt" && foreign download libnl-3-200 libnl-3-dev libnl-route-3-200 libnl-route-3-dev \
-        libgtest-dev libc6 libgcc-s1 libstdc++6)
-    for package in "$apt"/lib*-dev_*.deb "$apt"/libnl-*.deb; do dpkg -x "$package" "$ARM_ROOT"; done
-    mkdir -p "$ARM_ROOT/packages"
-    for package in "$apt"/*.deb; do
-        name=${package##*/}
-        dpkg-deb -R "$package" "$ARM_ROOT/packages/${name%%_*}"
-    done
-    touch "$ARM_ROOT/complete"
-fi
+build=build/$architecture
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cat >"$work/inside" <<END
+cd /build
+dpkg-source --extract *.dsc tn-corvel && cd tn-corvel
+apt-get -qq -y build-dep --host-architecture $architecture -P cross . >/dev/null
+export DEB_BUILD_OPTIONS=nocheck DEB_CFLAGS_APPEND=-Werror DEB_CXXFLAGS_APPEND=-Werror
+dpkg-buildpackage -us -uc -B --host-arch $architecture -Pcross
+$emulator obj-*/unit_tests
+END
+mkdir "$work/out"
+run_as_root mmdebstrap --quiet --variant=minbase --architectures="$here,$architecture" --format=null \
+    --include="build-essential,crossbuild-essential-$architecture,libstdc++6:$architecture,qemu-user" \
+    --aptopt="$mirror_may_be_old" \
+    --customize-hook='mkdir "$1/build"' \
+    --customize-hook="copy-in $(echo build/package/tn-corvel_*.dsc build/package/tn-corvel_*.tar.xz) $work/inside /build" \
+    --customize-hook='chroot "$1" sh -eu /build/inside' \
+    --customize-hook="sync-out /build '$work/out'" \
+    "$release" /dev/null "deb $mirror $release main"
+rm -rf "$build"
+mkdir -p "$build"
+cp "$work"/out/*.deb "$build"
 
-build=$PWD/build/$architecture
-cmake -S . -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/packaging/arm.cmake" \
-    -DCMAKE_BUILD_TYPE=Release -DCORVEL_WERROR=ON -DCORVEL_TESTS=ON -DCORVEL_DOCS=ON \
-    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$ARM_TRIPLET" \
-    -DCPACK_DEBIAN_PACKAGE_ARCHITECTURE="$architecture" >/dev/null
-cmake --build "$build"
-"$ARM_TRIPLET-readelf" -h "$build/libtn_corvel.so" | grep Machine
-libraries=$ARM_ROOT/usr/lib/$ARM_TRIPLET:$ARM_ROOT/lib/$ARM_TRIPLET
-$emulator -L "/usr/$ARM_TRIPLET" -E LD_LIBRARY_PATH="$libraries" "$build/unit_tests"
-
-# The packages. What they depend on is read from the libraries' own packages, as nothing of this
-# architecture is installed here.
-mkdir -p "$build/debian"
-printf 'Source: tn-corvel\n\nPackage: libtn-corvel\nArchitecture: any\n' >"$build/debian/control"
-depends() {
-    (cd "$build" && DEB_HOST_ARCH=$architecture dpkg-shlibdeps --ignore-missing-info -O \
-        "${known[@]}" -l"$build" -l"$build/simcan" "$@" 2>/dev/null | sed 's/^shlibs:Depends=//')
+# Files, names of dependencies, and symbols, without the architecture's own names.
+contents() { # ARCHITECTURE FOLDER
+    multiarch=$(dpkg-architecture -A "$1" -q DEB_TARGET_MULTIARCH)
+    {
+        for name in libtn-corvel libtn-corvel-dev simcan; do
+            dpkg-deb --field "$2/${name}"_*_"$1.deb" Package Multi-Arch Depends | sed 's/ ([^)]*)//g'
+            dpkg-deb --fsys-tarfile "$2/${name}"_*_"$1.deb" | tar -t
+        done
+        dpkg-deb --ctrl-tarfile "$2"/libtn-corvel_*_"$1.deb" | tar -xO ./symbols
+    } | sed "s/$multiarch/ARCHITECTURE/g"
 }
-known=()
-while read -r folder; do known+=(-l"$folder"); done \
-    < <(find "$ARM_ROOT/packages" -name '*.so.*' -printf '%h\n' | sort -u)
-for package in "$ARM_ROOT"/packages/*; do known+=(-S"$package"); done
-rm -rf "$build/installed"
-DESTDIR=$build/installed cmake --install "$build" >/dev/null
-! grep -rlF "$ARM_ROOT" "$build/installed" || { echo "these name a folder of this machine" >&2; exit 1; }
-version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
-library=$build/installed/usr/lib/$ARM_TRIPLET
-rm -f "$build"/*.deb
-umask 022
-(cd "$build" && cpack \
-    -D CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS=OFF -D CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS=OFF \
-    -D "CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS=iproute2, sudo, $(depends "$library"/lib*.so)" \
-    -D "CPACK_DEBIAN_DEV_PACKAGE_DEPENDS=libtn-corvel (= $version), $(depends \
-        "$library"/tn_corvel/simcan/{libsimcan.so,simcan-down})")
+contents "$here" build/package >"$work/here"
+contents "$architecture" "$build" >"$work/there"
+diff "$work/here" "$work/there"
 for package in "$build"/*.deb; do
-    dpkg -I "$package" | grep -E '^ (Package|Architecture|Depends):'
+    dpkg --info "$package" | grep -E '^ (Package|Architecture|Multi-Arch|Depends):'
 done

@@ -11,7 +11,7 @@ esac
 cache=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel
 
 build_packages='g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev'
-cpack_packages='dpkg-dev doxygen graphviz python3'
+docs_packages='doxygen graphviz python3'
 
 run_as_root() {
     if [ "$(id -u)" -eq 0 ]; then

@@ -1,11 +1,16 @@
 #!/bin/sh
-# Builds the Debian packages libtn-corvel and libtn-corvel-dev in build/package.
+# Builds the Debian packages, and their source package, in build/package.
 set -eu
 . "$(dirname "$0")/common.sh"
-install_packages $build_packages $cpack_packages
-cmake -S . -B build/package -G Ninja -DCMAKE_INSTALL_PREFIX=/usr -DCORVEL_DOCS=ON >/dev/null
-cmake --build build/package
-cd build/package
-rm -f ./*.deb
+dpkg-checkbuilddeps 2>/dev/null || {
+    run_as_root apt-get -qq update
+    run_as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -qq -y --no-install-recommends build-dep . </dev/null >/dev/null
+}
 umask 022
-cpack
+copy=build/package/tn-corvel # as the packages are put beside the tree that they are built from
+rm -rf build/package
+mkdir -p "$copy"
+tar -c --exclude=./build --exclude=./.git . | tar -x -C "$copy"
+(cd "$copy" && dpkg-buildpackage -us -uc)
+rm -r "$copy"
