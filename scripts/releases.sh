@@ -1,11 +1,12 @@
 #!/bin/bash
-# Tries both README commands on Debian's releases, as a new user would: each in a bare root with git
-# and a clean clone of the last commit. Ends with a table; the exit status is 0 when all passed.
+# Tries Debian's releases, as a new user would, in bare roots with git and a clean clone of the last
+# commit: in one builds the packages and runs their tests, in another both README commands. Ends with
+# a table; the exit status is 0 when all passed.
 #
 # releases.sh [RELEASE...]  bookworm, trixie and sid unless given
 #
 # Needs root. The bare roots are kept as build/releases/RELEASE.tar for a next run, what was tried
-# in them last as build/releases/RELEASE. Namespaces hold all mounts and processes, so that none is
+# in them last as build/releases/RELEASE and RELEASE-packages. Namespaces hold all mounts and processes, so that none is
 # left behind.
 set -u
 . "$(dirname "$0")/common.sh"
@@ -25,15 +26,26 @@ failed=0
 table=
 
 # Unpacks the bare root of a release, which is made first when there is none, or a damaged one.
-make_root() {
-    root=$PWD/build/releases/$1
+unpack_root() { # RELEASE
+    kept=$PWD/build/releases/$1.tar
     for _ in kept new; do
         rm -rf "$root" && mkdir "$root"
-        ! tar -xf "$root.tar" -C "$root" --exclude='./dev/*' 2>/dev/null || return 0
+        ! tar -xf "$kept" -C "$root" --exclude='./dev/*' 2>/dev/null || return 0
         mmdebstrap --quiet --variant=minbase --include=git --aptopt="$mirror_may_be_old" "$1" \
-            "$root.part" "deb $mirror $1 main" --format=tar && mv "$root.part" "$root.tar" || return 1
+            "$kept.part" "deb $mirror $1 main" --format=tar && mv "$kept.part" "$kept" || return 1
     done
     return 1
+}
+
+# Makes a root that commands can run in, with the clone.
+make_root() { # RELEASE FOLDER
+    root=$PWD/build/releases/$2
+    unpack_root "$1" || return 1
+    mount --bind "$root" "$root" # so that its / is a mount point
+    for folder in dev sys; do mount --rbind "/$folder" "$root/$folder"; done
+    mount -t proc proc "$root/proc"
+    cp /etc/resolv.conf "$root/etc"
+    git clone -q . "$root/root/tn_corvel"
 }
 
 # Runs a command in the clone, with no variables but those of a new user.
@@ -44,21 +56,23 @@ in_root() {
 
 for release; do
     echo "=== Debian $release"
-    if ! make_root "$release"; then
+    if ! make_root "$release" "$release-packages"; then
         echo "Debian's $release cannot be had here"
         table+="$release: LEFT OUT, cannot be had here"$'\n'
         failed=$((failed + 1))
         continue
     fi
-    mount --bind "$root" "$root" # so that its / is a mount point
-    for folder in dev sys; do mount --rbind "/$folder" "$root/$folder"; done
-    mount -t proc proc "$root/proc"
-    cp /etc/resolv.conf "$root/etc"
-    git clone -q . "$root/root/tn_corvel"
     log=$PWD/build/releases/$release.log
     verdict=passed
     start=$SECONDS
-    in_root ./scripts/demo.sh 2>&1 | tee "$log"
+    in_root sh -ec './scripts/package.sh; apt-get -qq -y install autopkgtest >/dev/null
+        exec autopkgtest build/package/*.changes -- null' 2>&1 | tee "$log"
+    packages="built, and their tests passed"
+    [ "${PIPESTATUS[0]}" -eq 0 ] || packages=FAILED verdict=FAILED
+    packages+=", $((SECONDS - start)) s"
+    make_root "$release" "$release" || exit 1
+    start=$SECONDS
+    in_root ./scripts/demo.sh 2>&1 | tee -a "$log"
     grep -qx 'all as expected' "$log" || verdict=FAILED
     demo=$SECONDS
     in_root ./scripts/test.sh 2>&1 | tee -a "$log"
@@ -66,6 +80,7 @@ for release; do
     [ $verdict = passed ] || failed=$((failed + 1))
     table+="$release, $(sed -n 's/^PRETTY_NAME=//p' "$root/etc/os-release"): $verdict"$'\n'
     table+="  $(grep -m1 '^Linux ' "$log")"$'\n'
+    table+="  packages $packages"$'\n'
     table+="  demo.sh $((demo - start)) s, test.sh $((SECONDS - demo)) s, of which"$'\n'
     table+="$(grep -E '^[a-z0-9+]+ +(passed|FAILED|LEFT OUT) +[0-9]+ s$' "$log" | sed 's/^/    /')"$'\n'
 done
