@@ -8,10 +8,9 @@ namespace corvel {
 enum LogLevel { progress = 2, refusal = 3, failure = 4 };
 
 /// Writes one record and returns false, the result of what failed. Takes the words by value, since
-/// making a record may change errno. Kept out of the path of a frame.
+/// making a record may change errno.
 template <typename... Words>
-[[gnu::cold, gnu::noinline]] bool log(LogLevel level, const char* file, unsigned line,
-                                      Words... words) {
+bool log(LogLevel level, const char* file, unsigned line, Words... words) {
     LOG_Helper record("corvel", level, file, line);
     (record.getSS() << ... << words);
     return false;
