@@ -7,7 +7,7 @@ set -eu -o pipefail
 case ${1-} in
     arm64) emulator=qemu-aarch64 ;;
     armhf) emulator=qemu-arm ;;
-    *) sed -n '2,4s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+    *) usage ;;
 esac
 architecture=$1
 here=$(dpkg --print-architecture)

@@ -6,10 +6,7 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-case "$#${1-}" in
-    0 | 1--vm) ;;
-    *) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
-esac
+[ $# -eq 0 ] || [ "$*" = --vm ] || usage
 install_packages $build_packages libbenchmark-dev
 cmake -S . -B build/release -G Ninja -DCORVEL_BENCH=ON >/dev/null
 cmake --build build/release

@@ -1,6 +1,7 @@
 # shellcheck shell=sh disable=SC2034,SC3028 # used by the scripts that source it; bash names it so
 # Sourced by the scripts: goes to the project's folder, and installs packages.
 PATH=$PATH:/usr/sbin:/sbin # where Debian keeps some of the programs, but not in a user's path
+script=$(realpath "$0")
 cd "$(dirname "${BASH_SOURCE:-$0}")/.." || exit 1
 case $PWD in *[:\;]*)
     echo "the loader takes no folder with a ':' or ';' in its name, please move this one: $PWD" >&2
@@ -11,7 +12,13 @@ esac
 cache=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel
 
 build_packages='g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev'
-docs_packages='doxygen graphviz python3'
+docs_packages='doxygen graphviz'
+
+# Prints the comment that a script begins with, and ends it.
+usage() {
+    sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$script" >&2
+    exit 2
+}
 
 run_as_root() {
     if [ "$(id -u)" -eq 0 ]; then

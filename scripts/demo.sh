@@ -7,20 +7,22 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-case "$#${1-}" in
-    0 | 1--vm | 3--real) ;;
-    *) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+mode=${1-}
+case $mode in
+    '' | --vm) [ $# -le 1 ] || usage ;;
+    --real) [ $# -eq 3 ] || usage ;;
+    *) usage ;;
 esac
 
 install_packages $build_packages
 cmake -S . -B build/release -G Ninja >/dev/null
 cmake --build build/release
 echo
-if [ "${1-}" = --real ]; then
+if [ "$mode" = --real ]; then
     install_packages sudo iproute2
     exec build/release/exchange "$2" "$3"
 fi
-if [ "${1-}" = --vm ]; then
+if [ "$mode" = --vm ]; then
     exec platform/vm/boot.sh 120 "$PWD/build/release/exchange"
 fi
 exec build/release/simcan/simcan --own build/release/exchange

@@ -54,6 +54,12 @@ in_root() {
         chroot "$root" sh -c 'cd /root/tn_corvel && exec "$@"' sh "$@" </dev/null
 }
 
+# The same, with its output on screen and in the log.
+run() {
+    in_root "$@" 2>&1 | tee -a "$log"
+    return "${PIPESTATUS[0]}"
+}
+
 for release; do
     echo "=== Debian $release"
     if ! make_root "$release" "$release-packages"; then
@@ -65,18 +71,16 @@ for release; do
     log=$PWD/build/releases/$release.log
     verdict=passed
     start=$SECONDS
-    in_root sh -ec './scripts/package.sh; apt-get -qq -y install autopkgtest >/dev/null
-        exec autopkgtest build/package/*.changes -- null' 2>&1 | tee "$log"
-    packages="built, and their tests passed"
-    [ "${PIPESTATUS[0]}" -eq 0 ] || packages=FAILED verdict=FAILED
+    : >"$log"
+    packages='built, and their tests passed'
+    run sh -ec './scripts/package.sh; apt-get -qq -y install autopkgtest >/dev/null
+        exec autopkgtest build/package/*.changes -- null' || packages=FAILED verdict=FAILED
     packages+=", $((SECONDS - start)) s"
     make_root "$release" "$release" || exit 1
     start=$SECONDS
-    in_root ./scripts/demo.sh 2>&1 | tee -a "$log"
-    grep -qx 'all as expected' "$log" || verdict=FAILED
+    run ./scripts/demo.sh || verdict=FAILED
     demo=$SECONDS
-    in_root ./scripts/test.sh 2>&1 | tee -a "$log"
-    [ "${PIPESTATUS[0]}" -eq 0 ] || verdict=FAILED
+    run ./scripts/test.sh || verdict=FAILED
     [ $verdict = passed ] || failed=$((failed + 1))
     table+="$release, $(sed -n 's/^PRETTY_NAME=//p' "$root/etc/os-release"): $verdict"$'\n'
     table+="  $(grep -m1 '^Linux ' "$log")"$'\n'

@@ -13,11 +13,11 @@ vm=1
 arm=0
 kernel=()
 while [ $# -gt 0 ]; do
-    case "$1${2+ }" in
-        --no-vm | '--no-vm ') vm=0 ;;
-        --arm | '--arm ') arm=1 ;;
-        '--kernel ') kernel=("$1" "$2") && shift ;;
-        *) sed -n '2,8s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+    case $1 in
+        --no-vm) vm=0 ;;
+        --arm) arm=1 ;;
+        --kernel) [ $# -ge 2 ] || usage; kernel=("$1" "$2"); shift ;;
+        *) usage ;;
     esac
     shift
 done

@@ -14,7 +14,7 @@ case ${1-} in
     newest) release=sid ;;
     *) release=$1 ;;
 esac
-install_packages mmdebstrap qemu-system-x86 sudo iproute2 can-utils kmod cpio python3 >&2
+install_packages mmdebstrap qemu-system-x86 sudo iproute2 can-utils kmod cpio python3 python3-can >&2
 vm=$cache/vm-$release
 if [ -z "$(find "$vm/kernel.sh" -mtime -30 2>/dev/null)" ] || ! cmp -s "$here/kernel.sh" "$vm/kernel.sh"; then
     echo "Preparing the virtual machine in $vm" >&2

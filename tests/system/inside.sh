@@ -14,8 +14,11 @@ holds() { # FILE TEXTS...
 # The build where any user can read it; and a sudo for root that takes no second to think.
 mkdir -p /opt/corvel/fast
 cp "$1"/{exchange,monitor,send,gateway,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
-cp -r "$1/simcan" /opt/corvel
-export LD_LIBRARY_PATH=/opt/corvel PATH=/opt/corvel/fast:/opt/corvel:$PATH
+cp -r "$1/simcan" "$root"/{python,tests/python_test.py,examples/monitor.py} /opt/corvel
+mkdir /opt/corvel/python/corvel_can-1.dist-info # as when it is installed
+printf '[can.interface]\ncorvel = corvel_can:CorvelBus\n' >/opt/corvel/python/corvel_can-1.dist-info/entry_points.txt
+export LD_LIBRARY_PATH=/opt/corvel PYTHONPATH=/opt/corvel/python PYTHONDONTWRITEBYTECODE=1
+PATH=/opt/corvel/fast:/opt/corvel:$PATH
 printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo
 chmod -R a+rx /opt/corvel
 
@@ -27,6 +30,10 @@ refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is requi
 tests() { # COMMAND...: runs tests of the bus
     "$@" >out 2>/dev/null || { cat out; return 1; }
     grep -E 'came back|ran\.|expected' out
+}
+python_test() { # COMMAND... -k TEST: from Python
+    "${@:1:$#-2}" /usr/bin/python3 /opt/corvel/python_test.py "${@: -2}" >out 2>&1 || { cat out; return 1; }
+    holds out 'Ran 1 test'
 }
 settings() { # TEXTS...: of can0
     ip -d link show can0 >settings
@@ -97,7 +104,7 @@ opened() { # NUMBER: of devices, by the program whose log is in log
 }
 ends() {
     for program in '1 monitor 0' '1 send 0 123# 9999 5' '2 gateway 0 1' '2 exchange' \
-        "1 python3 $root/examples/monitor.py 0"; do # with the number of its devices
+        '1 /usr/bin/python3 /opt/corvel/monitor.py 0'; do # with the number of its devices
         for signal in INT TERM HUP; do
             env --default-signal timeout 20 ${program#* } >log 2>&1 &
             eventually opened "${program%% *}"
@@ -120,6 +127,8 @@ removed_by() { # REMOVAL COMMAND...
 
 can_fd_controllers() {
     tests bus_test
+    python_test -k frames
+    python_test -k notifier
     removed_by 'echo 1 >/sys/class/net/can0/device/remove' bus_test --gtest_filter='*ACut*'
 }
 
@@ -145,7 +154,7 @@ classic_controllers() {
 # another; `pull` pulls one out, or plugs it in again.
 usb_adapters() {
     mkfifo pull && exec 9<>pull
-    python3 "$root/platform/vm/usb_adapters.py" A1 A2 B1 B2 <pull &
+    /usr/bin/python3 "$root/platform/vm/usb_adapters.py" A1 A2 B1 B2 <pull &
     adapters() { printf '%s\n' /sys/bus/usb/drivers/gs_usb/*/net/can*; }
     all() { [ "$(adapters | wc -l)" = 4 ]; }
     eventually all
@@ -156,6 +165,9 @@ usb_adapters() {
         echo A1 >&9
         eventually test -e /sys/class/net/can0
     done
+    CORVEL_TEST_REMOVE='echo A1 >&9' python_test -k removed
+    echo A1 >&9
+    eventually test -e /sys/class/net/can0
     pulled_gateway
 }
 
@@ -197,6 +209,8 @@ virtual_interfaces() {
     chmod 711 /  # which an ordinary user cannot open then
     tests on_pair exchange
     tests on_pair bus_test
+    python_test on_pair -k frames
+    python_test on_pair -k notifier
     removed_by 'ip link del can0' on_pair bus_test --gtest_filter='*ACut*'
     for _ in 1 2 3 4 5 6; do removed_by 'ip link del can0' on_pair bus_test --gtest_filter='*ARemoved*'; done
     sysctl -q user.max_user_namespaces=0
