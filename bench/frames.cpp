@@ -17,7 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include "allocations.h"
 #include "tn_corvel.h"
 
 static std::atomic<long> calls;
@@ -210,7 +209,6 @@ private:
 void countCalls(Table& table) {
     constexpr int frames = 1000;
     const Pair pair(0, 1, false);
-    const long allocated = allocations();
     long written = 0, read = 0;
     for (int i = 0; i < frames; ++i) {
         const long start = calls;
@@ -223,7 +221,6 @@ void countCalls(Table& table) {
     const auto row = [&](const char* name, long count) {
         table.figure(name, static_cast<double>(count) / frames, "");
     };
-    row("allocations per frame", allocations() - allocated);
     row("system calls per write", written);
     row("system calls per read", read);
 }

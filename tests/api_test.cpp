@@ -150,18 +150,6 @@ TEST_F(ApiTest, AFailedInitialisationSaysWhyAndLeavesNothing) {
     EXPECT_EQ(init(), 0) << "a socket that is not connected shows in what follows";
 }
 
-TEST_F(ApiTest, ASocketLeavesTheNumbersOfTheStandardStreamsAlone) {
-    const int streams[] = {dup(0), dup(1), dup(2)};
-    for (const int number : {0, 2}) {
-        close(m_firstSocket = number);
-        EXPECT_NE(callsOf(init).find("close " + std::to_string(number)), std::string::npos);
-        EXPECT_EQ(fcntl(number, F_GETFD), -1);
-        EXPECT_EQ(outcome(send).find("write " + std::to_string(number)), std::string::npos);
-        EXPECT_EQ(release(), 0);
-    }
-    for (int i = 0; i < 3; ++i) dup2(streams[i], i), close(streams[i]);
-}
-
 // The name of the case; a record's identifier, payload, length, and remote and extended; the 16
 // bytes that are written of it in classic mode; what happens in CAN FD mode.
 static const char* const written = R"(
@@ -242,7 +230,7 @@ abc/ = 3
     EXPECT_EQ(outcome(poll), "log 4 invalid CAN frame size: 0; = 2");
 }
 
-static const rlimit enough{1100, 1100}, none{0, 1100};
+static const rlimit enough{1100, 1100};
 
 TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &enough), 0);
@@ -256,23 +244,6 @@ TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
     EXPECT_EQ(callsOf(receive<1, 0>), "\nace/e ppoll 1 1024 1 0 0\nace/ = 2\n");
     m_answers = {{"ppoll", -1, 4}};
     EXPECT_EQ(outcome(receive<1, 0>), "log 4 select() error: Interrupted system call; = 2");
-}
-
-// A release from within a read, as if by another thread: with descriptors to spare, and none.
-TEST_F(ApiTest, AReleasedNumberStaysTakenUntilTheCallThatItMetIsOver) {
-    for (const rlimit& spare : {enough, none}) {
-        EXPECT_EQ(init(), 0);
-        m_onCall = [&](const std::string& line) {
-            if (line.rfind("select", 0) != 0) return;
-            setrlimit(RLIMIT_NOFILE, &spare);
-            EXPECT_EQ(release(), 0);
-            setrlimit(RLIMIT_NOFILE, &enough);
-            EXPECT_EQ(fcntl(50, F_GETFD), spare.rlim_cur > 0 ? FD_CLOEXEC : -1);
-            EXPECT_LT(write(50, "", 1), 0);
-        };
-        EXPECT_EQ(poll(), 2);
-        EXPECT_EQ(fcntl(50, F_GETFD), -1);
-    }
 }
 
 TEST_F(ApiTest, CyclesLeaveTheHeapAsItWas) {

@@ -12,11 +12,16 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iomanip>
+#include <new>
 #include <regex>
 
+#ifndef __has_feature
+#define __has_feature(name) 0
+#endif
 // The function that one of this file stands in for.
 #define REAL(name) (reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name)))
 // True in a function that the library has called.
@@ -29,6 +34,8 @@ RecorderTest* current;
 std::string& record = *new std::string;
 std::string& locksTaken = *new std::string;
 std::string& locksHeld = *new std::string;
+
+thread_local long allocationsLeft = -1;
 
 // While it lives, no allocation of this thread is made to fail.
 struct Memory {
@@ -51,7 +58,6 @@ int answer(const Usual& usual, const char* name, const Words&... words) {
     std::ostringstream line;
     line << name;
     ((line << ' ' << words), ...);
-    if (current->m_onCall) current->m_onCall(line.str());
     record += locksTaken + '/' + locksHeld + ' ' + line.str() + '\n';
     errno = error;
     auto& answers = current->m_answers;
@@ -89,6 +95,28 @@ void noteLock(const void* mutex) {
 }
 
 }  // namespace
+
+long failAllocation(long after) {
+    return std::exchange(allocationsLeft, after);
+}
+
+// Not inlined, so that compilers do not take these for mismatched pairs. ThreadSanitizer lets no
+// program replace its own.
+#if !__has_feature(thread_sanitizer)
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return allocationsLeft >= 0 && allocationsLeft-- == 0 ? nullptr : malloc(size);
+}
+[[gnu::noinline]] void* operator new(size_t size) {
+    if (void* memory = operator new(size, std::nothrow)) return memory;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
+    free(memory);
+}
+#endif
 
 LOG_Helper::LOG_Helper(std::string module, int level, const std::string& file, unsigned int line)
     : m_module(std::move(module)), m_level(level), m_file(file), m_line(line) {

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "../bench/allocations.h"
 #include "corvel/driverforsocketcan.h"
 
 // What the next call whose line holds the text gives, with this errno, instead of doing anything.
@@ -28,8 +27,7 @@ public:
     RecorderTest();
     ~RecorderTest() override;
 
-    std::list<Answer> m_answers;                            // each waits for the one before it
-    std::function<void(const std::string& line)> m_onCall;  // runs in every call, before all else
+    std::list<Answer> m_answers;  // each waits for the one before it
     std::vector<std::pair<unsigned, const char*>> m_links{
         {772, "lo"}, {280, "can1"}, {280, "can0"}};
     bool m_linkIsUp = true;
@@ -39,6 +37,10 @@ public:
 private:
     const long m_descriptors;
 };
+
+// Makes the allocation after `after` more on this thread throw, or none when negative. Gives how
+// many were left of an earlier order: below 0 when there was none, or it has been carried out.
+long failAllocation(long after);
 
 // What a call did and its result, each line after a line end: "TAKEN/HELD NAME ARGUMENTS", with the
 // letters of the locks that the library has taken for the call so far, and of those that it holds.
