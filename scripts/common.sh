@@ -1,6 +1,6 @@
 # shellcheck shell=sh disable=SC2034,SC3028 # used by the scripts that source it; bash names it so
 # Sourced by the scripts: goes to the project's folder, and installs packages.
-PATH=$PATH:/usr/sbin:/sbin # where Debian keeps some of the programs, but not in a user's path
+PATH=/usr/bin:/usr/sbin:/bin:/sbin:$PATH # Debian's own programs, before others of their names
 script=$(realpath "$0")
 cd "$(dirname "${BASH_SOURCE:-$0}")/.." || exit 1
 case $PWD in *[:\;]*)
