@@ -23,6 +23,6 @@ if [ "$mode" = --real ]; then
     exec build/release/exchange "$2" "$3"
 fi
 if [ "$mode" = --vm ]; then
-    exec platform/vm/boot.sh 120 "$PWD/build/release/exchange"
+    exec vm/boot.sh 120 "$PWD/build/release/exchange"
 fi
 exec build/release/simcan/simcan --own build/release/exchange

@@ -54,9 +54,9 @@ check_format() {
 # The same holds for what clang-tidy finds.
 lint() {
     install_packages git shellcheck || return 1
-    shellcheck scripts/common.sh platform/vm/init $(git grep -lE '^#!/bin/(bash|sh|busybox sh)$') || return 1
+    shellcheck scripts/common.sh vm/init $(git grep -lE '^#!/bin/(bash|sh|busybox sh)$') || return 1
     install_packages clang-tidy-19 || { echo "no clang-tidy 19 here: C and C++ were not checked"; return 77; }
-    clang-tidy-19 -p build/dev --quiet $(git ls-files {src,platform,examples}/'*.c' {src,platform,examples}/'*.cpp')
+    clang-tidy-19 -p build/dev --quiet $(git ls-files {src,pelid_log,simcan,examples}/'*.c' {src,pelid_log,simcan,examples}/'*.cpp')
 }
 
 # Builds a preset and runs its tests. The sanitizers want address space laid out as usual.
@@ -84,7 +84,7 @@ stage memcheck memcheck
 stage docs cmake --build --preset dev --target docs
 stage install tests/install.sh
 [ "$arm" -eq 0 ] || { stage arm64 scripts/arm.sh arm64; stage armhf scripts/arm.sh armhf; }
-[ "$vm" -eq 0 ] || stage vm platform/vm/boot.sh "${kernel[@]}" 600 "$PWD/tests/system/inside.sh" "$PWD/build/dev"
+[ "$vm" -eq 0 ] || stage vm vm/boot.sh "${kernel[@]}" 900 "$PWD/tests/in_vm.sh" "$PWD/build/dev"
 
 echo
 printf '%s' "$table"

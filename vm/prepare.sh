@@ -4,7 +4,7 @@
 # holds the result, which is kept outside the checkout and made anew after a month.
 set -eu -o pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-. "$here/../../scripts/common.sh"
+. "$here/../scripts/common.sh"
 
 case ${1-} in
     '') release=$(. /etc/os-release && echo "$VERSION_CODENAME") ;;

@@ -1,9 +1,9 @@
 #!/bin/bash
 # Runs in the virtual machine: the library on a real CAN stack, with real controllers, sudo, ip and
-# can-utils. Ends at the first surprise. inside.sh BUILD: the folder that holds the build to test.
+# can-utils. Ends at the first surprise. in_vm.sh BUILD: the folder that holds the build to test.
 set -eEu -o pipefail
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
-root=$(realpath "$(dirname "$0")/../..")
+root=$(realpath "$(dirname "$0")/..")
 cd "$(mktemp -d)"
 uname -srv
 eventually() { for _ in $(seq 400); do ! "$@" || return 0; sleep 0.1; done; "$@"; }
@@ -105,7 +105,7 @@ classic_controllers() {
 # another; `pull` pulls one out, or plugs it in again.
 usb_adapters() {
     mkfifo pull && exec 9<>pull
-    /usr/bin/python3 "$root/platform/vm/usb_adapters.py" A1 A2 B1 B2 <pull &
+    /usr/bin/python3 "$root/vm/usb_adapters.py" A1 A2 B1 B2 <pull &
     adapters() { printf '%s\n' /sys/bus/usb/drivers/gs_usb/*/net/can*; }
     all() { [ "$(adapters | wc -l)" = 4 ]; }
     eventually all
