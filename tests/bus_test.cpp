@@ -48,9 +48,7 @@ public:
     explicit Repeated(const std::function<bool()>& call, End end = byItself)
         : m_end(end), m_thread([=] {
               for (; !m_stop; ++m_done) {
-                  const bool succeeded = call();
-                  m_succeeded += succeeded;
-                  if (!succeeded) sleep_for(std::chrono::microseconds(200));
+                  if (!call()) sleep_for(std::chrono::microseconds(200));
               }
               m_ended = true;
           }) {}
@@ -63,7 +61,7 @@ public:
         if (!m_ended) fprintf(stderr, "a call hangs\n"), abort();
         m_thread.join();
     }
-    std::atomic<long> m_done{0}, m_succeeded{0};
+    std::atomic<long> m_done{0};
 
 private:
     const End m_end;
@@ -79,18 +77,13 @@ public:
         const auto start = Clock::now();
         EXPECT_EQ(action(), 0) << cause;
         EXPECT_EQ(m_status.wait_for(std::chrono::seconds(10)), std::future_status::ready) << cause;
+        const std::chrono::duration<double, std::milli> time = Clock::now() - start;
+        printf("a read that waited returned within %.0f ms: %s\n", time.count(), cause);
         EXPECT_EQ(m_status.get(), CORVEL_NO_FRAME);
-        const std::chrono::duration<double, std::milli> time = m_end - start;
-        printf("a read that waited came back after %.0f ms: %s\n", time.count(), cause);
     }
 
 private:
-    Clock::time_point m_end;
-    std::future<int32_t> m_status = std::async(std::launch::async, [this] {
-        const int32_t status = read(0, 20000);
-        m_end = Clock::now();
-        return status;
-    });
+    std::future<int32_t> m_status = std::async(std::launch::async, [] { return read(0, 20000); });
 };
 
 class BusTest : public testing::Test {
@@ -141,13 +134,6 @@ TEST_F(BusTest, AReleaseEndsReads) {
 TEST_F(BusTest, ACutLinkEndsOneReadAndAReleaseTheNext) {
     openBoth();
     WaitingRead first;
-    if (const char* const removal = getenv("CORVEL_TEST_REMOVE")) {
-        first.returnsAfter("adapter removed", [=] { return system(removal); });
-        EXPECT_EQ(write(0), CORVEL_NOT_WRITTEN);
-        EXPECT_EQ(corvel_freeDLL(0), CORVEL_SUCCESS);
-        EXPECT_EQ(open(0), CORVEL_NO_DEVICE);
-        return;
-    }
     first.returnsAfter("link taken down", [] { return system(cut); });
     const auto start = Clock::now();
     EXPECT_EQ(read(0, 300), CORVEL_NO_FRAME);
@@ -170,7 +156,6 @@ TEST_F(BusTest, AReleaseEndsReadsThatWritesWithoutPauseMet) {
         while (reader.m_done < before + 3 && Clock::now() < end) sleep_for(milliseconds(1));
         EXPECT_GE(reader.m_done, before + 3) << "a read outlasts the release";
     }
-    EXPECT_GT(reader.m_succeeded, 0);
     corvel_freeDLL(0);
 }
 
@@ -247,6 +232,7 @@ TEST_F(KernelTest, ARemovedAdapterDeliversNoFrameOfAnotherInterface) {
         sleep_for(milliseconds(1000));
         EXPECT_EQ(write(0), CORVEL_NOT_WRITTEN);
         EXPECT_EQ(corvel_freeDLL(0), CORVEL_SUCCESS);
+        EXPECT_EQ(open(0), CORVEL_NO_DEVICE);
         EXPECT_EQ(corvel_freeDLL(1), CORVEL_SUCCESS);  // its writes wait: it has no partner
     }
     EXPECT_EQ(foreign, 0);

@@ -19,9 +19,6 @@
 #include <new>
 #include <regex>
 
-#ifndef __has_feature
-#define __has_feature(name) 0
-#endif
 // The function that one of this file stands in for.
 #define REAL(name) (reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name)))
 // True in a function that the library has called.
@@ -100,9 +97,8 @@ long failAllocation(long after) {
     return std::exchange(allocationsLeft, after);
 }
 
-// Not inlined, so that compilers do not take these for mismatched pairs. ThreadSanitizer lets no
-// program replace its own.
-#if !__has_feature(thread_sanitizer)
+// Not inlined, so that compilers do not take these for mismatched pairs.
+#ifndef THREAD_SANITIZER  // which lets no program replace its own
 [[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return allocationsLeft >= 0 && allocationsLeft-- == 0 ? nullptr : malloc(size);
 }

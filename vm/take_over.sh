@@ -1,0 +1,9 @@
+#!/bin/bash
+# Gives interfaces the names can0, can1 and so on, and those that have them others: take_over.sh NAME...
+set -eu
+number=0
+for name; do ip link set "$name" name new$((number++)); done
+for ((number = 0; number < $#; number++)); do
+    [ ! -e /sys/class/net/can$number ] || ip link set can$number down name "can$number-$1"
+    ip link set new$number name can$number
+done
