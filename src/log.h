@@ -9,7 +9,7 @@ enum LogLevel { progress = 2, refusal = 3, failure = 4 };
 
 /// Writes one record and returns false, the result of what failed. Takes the words by value, since
 /// making a record may change errno.
-template <typename... Words>
+template <typename... Words>  // NOLINTNEXTLINE(performance-unnecessary-value-param): as said
 bool log(LogLevel level, const char* file, unsigned line, Words... words) {
     LOG_Helper record("corvel", level, file, line);
     (record.getSS() << ... << words);
