@@ -22,7 +22,7 @@ trap 'rm -rf "$work"' EXIT
 cat >"$work/inside" <<END
 cd /build
 dpkg-source --extract *.dsc tn-corvel && cd tn-corvel
-apt-get -qq -y build-dep --host-architecture $architecture -P cross . >/dev/null
+apt-get -qq -y build-dep --arch-only --host-architecture $architecture -P cross . >/dev/null
 export DEB_BUILD_OPTIONS=nocheck DEB_CFLAGS_APPEND=-Werror DEB_CXXFLAGS_APPEND=-Werror
 dpkg-buildpackage -us -uc -B --host-arch $architecture -Pcross
 $emulator obj-*/unit_tests
