@@ -39,23 +39,21 @@ _PAUSE = 0.01  # s, before a frame is offered again
 _SIOCGIFFLAGS, _IFF_UP = 0x8913, 1
 
 _owners: dict[int, object] = {}  # by device index, from before its opening until after its release
-_lock = threading.RLock()  # collecting a bus may release it anywhere, also within a command
 
 
 @contextlib.contextmanager
 def _commands() -> Iterator[None]:
     """While the library runs commands. A Ctrl-C reaches them too, and must not end them: they inherit
     that it is ignored. Python changes that in its main thread only."""
-    with _lock:
-        main = threading.current_thread() is threading.main_thread()
-        handler = signal.getsignal(signal.SIGINT) if main else None
+    main = threading.current_thread() is threading.main_thread()
+    handler = signal.getsignal(signal.SIGINT) if main else None
+    try:
         if handler is not None:
             signal.signal(signal.SIGINT, signal.SIG_IGN)
-        try:
-            yield
-        finally:
-            if handler is not None:
-                signal.signal(signal.SIGINT, handler)
+        yield
+    finally:
+        if handler is not None:
+            signal.signal(signal.SIGINT, handler)
 
 
 def _release(index: int, owner: object, process: int) -> None:
@@ -70,10 +68,10 @@ def _release(index: int, owner: object, process: int) -> None:
 
 def _kbits(name: str, rate: int) -> int:
     """A rate as the library takes it."""
-    kbits, rest = divmod(int(rate), 1000)
+    kbits, rest = divmod(rate, 1000)
     if rest or not 1 <= kbits <= 4294967:
         raise ValueError(f"{name}={rate}: must be a multiple of 1000 bit/s, up to 4294967000")
-    return kbits
+    return int(kbits)
 
 
 class CorvelBus(can.BusABC):
@@ -81,8 +79,8 @@ class CorvelBus(can.BusABC):
     `with` block, of the object or of the program takes it down. (A signal that ends the process at
     once, as SIGTERM without a handler, leaves it up.)
 
-    Any thread may call `send`, `recv` and `shutdown`. A `recv` or `send` that waits holds up no other
-    call but another `recv` or `send`, and ends with `CanOperationError` when the bus is shut down, or
+    Any thread may call `send`, `recv` and `shutdown`. A `recv` that waits holds up only other `recv`s, a
+    `send` only other `send`s. Both end with `CanOperationError` when the bus is shut down, or
     when the adapter is pulled out or its link taken down. After `fork`, one process uses the bus.
     """
 
@@ -110,7 +108,7 @@ class CorvelBus(can.BusABC):
                 raise can.CanInterfaceNotImplementedError(f"{option}={value!r} cannot be had from the adapter")
         if data_bitrate is not None and not fd:
             raise ValueError(f"data_bitrate={data_bitrate}: needs fd=True")
-        rates = (_kbits("bitrate", bitrate), fd, _kbits("data_bitrate", data_bitrate or 2_000_000))
+        rates = (_kbits("bitrate", bitrate), fd, _kbits("data_bitrate", 2_000_000 if data_bitrate is None else data_bitrate))
         self._index = int(number[1])
         self._fd = fd
         self.channel = f"can{self._index}"
@@ -118,7 +116,7 @@ class CorvelBus(can.BusABC):
         if hasattr(can, "CanProtocol"):  # since python-can 4.3
             self._can_protocol = can.CanProtocol.CAN_FD if fd else can.CanProtocol.CAN_20
 
-        # Whatever a signal's handler raises, and wherever, the link is taken down in the end.
+        # The link is taken down in the end, whatever a signal's handler raises while it is brought up.
         owner = object()
         self._open = weakref.finalize(self, _release, self._index, owner, os.getpid())
         if _owners.setdefault(self._index, owner) is not owner:
