@@ -45,7 +45,7 @@ void closeSocket(int& fd) {
     fd = -1;
 }
 
-// Closes a new socket again unless it gets ready, whatever ends the opening.
+// Closes a new socket unless opening succeeds, exceptions included.
 struct NewSocket {
     int& fd;
     bool isReady = false;
@@ -95,10 +95,10 @@ bool bindSocket(int fd, const std::string& name) {
     return bindTo(fd, request.ifr_ifindex) >= 0 || CORVEL_LOG(failure, "Error in socket bind");
 }
 
-// Ends reads that wait on a socket whose link is down already, just before it is closed: the kernel
-// reports a link that is down when a socket is bound to it, but passes over a binding to where the
-// socket is. So the socket is bound to every interface in between, with a filter that lets no frame
-// through. A link that is up is left alone: its going down will be reported.
+// Ends reads that wait on a socket whose link is down already, just before it is closed. The kernel
+// reports a link that is down on each bind, but ignores a bind to the same interface. So the socket
+// is bound to all, with a filter that passes nothing, and then back. A link that is up reports its
+// own going down.
 void reportLinkDown(int fd, const std::string& name) {
     const can_filter nothing{};
     ifreq request = requestFor(name);

@@ -25,7 +25,7 @@ namespace {
 std::mutex m_mutex;  // guards the registry and `driver`; never held while either is called
 
 // An object that no destructor runs on: calls of other threads and of exit handlers may still come
-// when the library has been unloaded or the process has ended.
+// while the process ends.
 template <typename T>
 class NoDestructor {
 public:
@@ -104,7 +104,10 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
         std::make_shared<corvel::DriverForSocketCan>());
     static const EmptiedAtExit<std::shared_ptr<IDriver>> emptiesDriver(*driver);
     const std::shared_ptr<IDriver> used = share(*driver);
-    if (!used) return CORVEL_NO_DEVICE;  // the process is ending
+    if (!used) {
+        CORVEL_LOG(failure, "Open Corvel failed: the process is ending.");
+        return CORVEL_NO_DEVICE;
+    }
     std::vector<std::shared_ptr<IInterface>> devices;
     if (!used->scanDevices(devices)) {
         CORVEL_LOG(failure, "Scan failed.");
