@@ -5,9 +5,8 @@
 #
 # releases.sh [RELEASE...]  bookworm, trixie and sid unless given
 #
-# Needs root. The bare roots are kept as build/releases/RELEASE.tar for a next run, what was tried
-# in them last as build/releases/RELEASE and RELEASE-packages. Namespaces hold all mounts and processes, so that none is
-# left behind.
+# Needs root. Bare roots are kept as build/releases/RELEASE.tar. The last trials are in RELEASE and
+# RELEASE-packages beside it. Namespaces hold all mounts and processes, so that none is left behind.
 set -u
 . "$(dirname "$0")/common.sh"
 [ "$(id -u)" -eq 0 ] || { echo "releases.sh needs root" >&2; exit 2; }

@@ -249,7 +249,7 @@ TEST(ProcessTest, ForkedChildrenEndWhileAnotherThreadIsRefused) {
     for (int i = 0; i < 100 && WIFEXITED(status); ++i) {
         const pid_t child = fork();
         if (child == 0) alarm(5), exit(0);
-        waitpid(child, &status, 0);
+        ASSERT_EQ(waitpid(child, &status, 0), child);
     }
     EXPECT_TRUE(WIFEXITED(status)) << "a child hangs";
 }
