@@ -26,8 +26,8 @@ static inline void handleSignals(void (*handler)(int)) {
 }
 
 // Keeps the signals waiting, and the commands that an initialisation or a release runs from ending
-// by them: a signal that is ignored and blocked waits here, but is ignored there. (A SIGINT that
-// comes while commands run may be lost, as running one discards it; the next is not.)
+// by them: blocked, a signal waits in this process; ignored, it does not end the commands. (A
+// SIGINT that comes while commands run may be lost, as running one discards it; the next is not.)
 static inline void holdSignals(void) {
     const int numbers[] = {SIGINT, SIGTERM, SIGHUP, SIGALRM};
     sigset_t blocked;

@@ -43,7 +43,7 @@ private:
             if (status != CORVEL_SUCCESS) continue;
             int32_t written = corvel_writeMessage(m_to, &msg);
             for (int tries = 0; written == CORVEL_NOT_WRITTEN && tries < 100; tries++) {
-                sleep_for(milliseconds(10));  // the queue is full
+                sleep_for(milliseconds(10));  // the queue is full, or the link is down
                 written = corvel_writeMessage(m_to, &msg);
             }
             if (written == CORVEL_SUCCESS) m_frames++;

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Prints what arrives on one adapter until interrupted, as candump -L does: monitor.py [N]"""
+"""Prints what arrives on one adapter until interrupted, in the notation of can-utils: monitor.py [N]"""
 
 import contextlib
 import signal

@@ -11,7 +11,7 @@
  * - A release may meet reads and writes of other threads. It does not wait for them. They return
  *   when the link is down, and their file descriptor is not reused before they return.
  * - A device delivers frames of its own interface only. Once its adapter has been removed it
- *   delivers none and takes none, until it is released and initialised again.
+ *   receives and sends none any more, until it is released and initialised again.
  * - Failures are reported by status, and the reason goes to the log: to libpelid_log.so, whose
  *   stand-in writes to standard error. C++ callers: std::bad_alloc passes through. Afterwards no
  *   lock is held, no descriptor is left open, an initialisation has registered nothing, a release
@@ -27,6 +27,7 @@
  *   thread: the outcome of its commands would be lost (CORVEL_OPEN_FAILED).
  * - Make no call from a signal handler. After fork, make none in the child of a process with
  *   threads before it executes another program. Cancel no thread inside a call.
+ *   Unload the library only when no call runs or can still come.
  * - Provide a log library that does not call this library, which would deadlock.
  *
  * docs/threads.md gives the reasons, and the rare cases in which a promise is weaker: no spare file
@@ -59,13 +60,13 @@ enum corvel_Status {
  * library uses it only during the call that receives it.
  *
  * The record does not say whether a frame is classic or CAN FD: a device sends the format that it
- * was initialised for, and receives both. It carries at most 8 payload bytes; CAN FD frames with
- * more are refused in both directions.
+ * was initialised for. A CAN FD device also receives classic frames. The record carries at most 8
+ * payload bytes; CAN FD frames with more are refused in both directions.
  */
 typedef struct _corvel_CanMsg {
     /**
      * Sent: the 11-bit or 29-bit identifier. Not masked: bits 31 (extended), 30 (remote) and 29
-     * (error) reach the kernel as they are, so a received record can be sent back unchanged.
+     * (error) reach the kernel as they are, so a classic device can send a received record back.
      * Received: the identifier in bits 0 to 28, and those three flags.
      */
     uint32_t id;
@@ -80,7 +81,7 @@ typedef struct _corvel_CanMsg {
  * Configures interface "can" + devIndex, brings it up and opens it.
  *
  * Runs two `ip link set` commands under `sudo`, which the calling user must be allowed to use, and
- * takes as long as they do; docs/permissions.md has a sudoers file for them. A link that is up
+ * takes as long as they do; docs/permissions.md tells how. A link that is up
  * already is not taken down: CORVEL_OPEN_FAILED. After CORVEL_OPEN_FAILED the link may be left up.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index

@@ -14,8 +14,9 @@ class IDriver;
 /// One CAN device: its descriptor, the driver that serves it, and whether it is open.
 ///
 /// Any thread may call any operation. One read and one write run at a time; neither holds up the
-/// other, nor open() and close(), which wait for each other and for nothing else. Handles are made
-/// by the driver's scan. Destroying a handle does not close the device.
+/// other, nor open() and close(). Those wait for each other, and hold up reads and writes that
+/// begin meanwhile. Handles are made by the driver's scan. Destroying a handle does not close the
+/// device.
 class CORVEL_API IInterface : public std::enable_shared_from_this<IInterface> {
 public:
     /// Which network interface a device is, and the socket that serves it while it is open.
