@@ -11,8 +11,8 @@
  * could listen or send.
  *
  * A frame goes to every other socket on the bus, on whichever interface, and CAN FD frames only to
- * those that enabled them. Each socket has a queue of about the kernel's size; what does not fit is lost
- * to that socket alone, and nobody is told. All that is as in the kernel. What differs:
+ * those that enabled them. Each socket has a queue of about the kernel's size; what does not fit is
+ * lost to that socket alone, and nobody is told. All that is as in the kernel. What differs:
  * - Links are never configured and need not be up. `system` is not touched: the `sudo` beside this
  *   library takes the place of the real one when its folder comes first in PATH.
  * - Frames arrive at once: no bit rate, no arbitration, no errors. A write never waits for room and
