@@ -23,6 +23,7 @@ REFUSED_BUSES = [(NotImplementedError, "receive_own_messages", True), (can.CanIn
     (ValueError, *setting) for setting in (("channel", "vcan0"), ("channel", "can01"), ("bitrate", 500500),
                                            ("bitrate", 4294968000), ("data_bitrate", 2000000))]
 START = """import os, signal, sys, threading, time, can\nfrom corvel_can import CorvelBus
+signal.signal(signal.SIGINT, signal.default_int_handler)  # also where a shell ignores it for its background
 def later(call, *arguments): threading.Timer(0.3, call, arguments).start()\n"""
 ENDS = {  # programs, and their exit status; each time the link goes down once, and can be opened again
     "bus = CorvelBus(0)": 0,
