@@ -87,7 +87,7 @@ stage memcheck memcheck
 stage docs cmake --build --preset dev --target docs
 stage install tests/install.sh
 [ "$arm" -eq 0 ] || { stage arm64 scripts/arm.sh arm64; stage armhf scripts/arm.sh armhf; }
-[ "$vm" -eq 0 ] || stage vm vm/boot.sh "${kernel[@]}" 900 "$PWD/tests/in_vm.sh" "$PWD/build/dev"
+[ "$vm" -eq 0 ] || stage vm vm/boot.sh "${kernel[@]}" 1500 "$PWD/tests/in_vm.sh" "$PWD/build/dev"
 
 echo
 printf '%s' "$table"
