@@ -22,8 +22,7 @@ PATH=/opt/corvel/fast:/opt/corvel:$PATH
 printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo
 chmod -R a+rx /opt/corvel
 
-# One user, in a group that has no rights yet.
-groupadd corvel && useradd -M -G corvel tester
+groupadd corvel && useradd -M -G corvel tester # a user in a group that has no rights yet
 as_user() { setpriv --reuid tester --regid tester --init-groups env "$@" </dev/null; }
 refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is required'; }
 
@@ -65,8 +64,7 @@ can_fd_controllers() {
     removed_by 'echo 1 >/sys/class/net/can0/device/remove' bus_test
 }
 
-# Two SJA1000.
-classic_controllers() {
+classic_controllers() { # two SJA1000
     [ ! -e /sys/class/net/can4 ] || "$root/vm/take_over.sh" can4 can5
     ! monitor 0 500 2000 >log 2>&1 || return 1
     holds log 'could not be configured (status 5)' 'not supported'

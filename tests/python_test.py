@@ -2,10 +2,12 @@
 
 import concurrent.futures
 import os
+import signal
 import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 
 import can
@@ -77,12 +79,16 @@ class CorvelBusTest(unittest.TestCase):
     @unittest.skipUnless("CORVEL_TEST_REMOVE" in os.environ, "needs an adapter that can be removed")
     def test_removed_under_traffic(self):
         with CorvelBus(0) as bus, CorvelBus(1) as partner, self.assertRaises(can.CanOperationError):
-            reading = concurrent.futures.ThreadPoolExecutor().submit(list, bus)
+            pool = concurrent.futures.ThreadPoolExecutor(1)
+            reader, reading = pool.submit(threading.get_ident).result(), pool.submit(list, bus)
             os.system(f"(sleep 1; {os.environ['CORVEL_TEST_REMOVE']}) &")
             while True:
                 partner.send(frame(), 1)
                 bus.send(frame(), 1)
-        self.assertIsInstance(reading.exception(10), can.CanOperationError)
+        signal.signal(signal.SIGUSR1, lambda *_: None)
+        while concurrent.futures.wait([reading], 0.5).not_done:  # a send may take what would end the recv
+            signal.pthread_kill(reader, signal.SIGUSR1)
+        self.assertIsInstance(reading.exception(), can.CanOperationError)
 
 
 if __name__ == "__main__":
