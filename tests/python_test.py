@@ -82,8 +82,8 @@ class CorvelBusTest(unittest.TestCase):
             pool = concurrent.futures.ThreadPoolExecutor(1)
             reader, reading = pool.submit(threading.get_ident).result(), pool.submit(list, bus)
             os.system(f"(sleep 1; {os.environ['CORVEL_TEST_REMOVE']}) &")
+            threading.Thread(target=lambda: [partner.send(frame()) for _ in iter(int, 1)], daemon=True).start()
             while True:
-                partner.send(frame(), 1)
                 bus.send(frame(), 1)
         signal.signal(signal.SIGUSR1, lambda *_: None)
         while concurrent.futures.wait([reading], 0.5).not_done:  # a send may take what would end the recv
