@@ -65,13 +65,13 @@ bool isAcceptable(const std::string& name) {
         std::all_of(name.begin(), name.end(), allowed)) {
         return true;
     }
-    return CORVEL_LOG(failure, "interface name refused:", name);
+    return CORVEL_FAIL("interface name refused:", name);
 }
 
-bool configure(const DriverForSocketCan& driver, const std::string& command) {
+bool runCommand(const DriverForSocketCan& driver, const std::string& command) {
     int exitCode = -1;
-    return driver.systemExecute(command, exitCode) ||
-           CORVEL_LOG(failure, "error execute system cmd, error:", exitCode);
+    if (driver.systemExecute(command, exitCode)) return true;
+    return CORVEL_FAIL("error execute system cmd, error:", exitCode);
 }
 
 int bindTo(int fd, int ifindex) {
@@ -90,9 +90,10 @@ ifreq requestFor(const std::string& name) {
 bool bindSocket(int fd, const std::string& name) {
     ifreq request = requestFor(name);
     if (::ioctl(fd, SIOCGIFINDEX, &request) < 0) {
-        return CORVEL_LOG(failure, "error reading index of ", name, ": ", std::strerror(errno));
+        return CORVEL_FAIL("error reading index of ", name, ": ", std::strerror(errno));
     }
-    return bindTo(fd, request.ifr_ifindex) >= 0 || CORVEL_LOG(failure, "Error in socket bind");
+    if (bindTo(fd, request.ifr_ifindex) < 0) return CORVEL_FAIL("Error in socket bind");
+    return true;
 }
 
 // Ends reads that wait on a socket whose link is down already, just before it is closed. The kernel
@@ -121,8 +122,8 @@ int keepStandardStreamsFree(int fd) {
 
 bool enableCanFd(int fd) {
     const int on = 1;
-    return ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) == 0 ||
-           CORVEL_LOG(failure, "Error set CanFD");
+    if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof on) == 0) return true;
+    return CORVEL_FAIL("Error set CanFD");
 }
 
 // Waits for a descriptor that an fd_set cannot hold, with the results of select.
@@ -157,7 +158,7 @@ int waitReadable(int fd, unsigned int timeout) {
 template <typename Frame>
 bool writeFrame(int fd, const Frame& frame) {
     if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
-    return CORVEL_LOG(failure, "write error:", std::strerror(errno), "(errno=", errno, ")");
+    return CORVEL_FAIL("write error:", std::strerror(errno), "(errno=", errno, ")");
 }
 
 }  // namespace
@@ -171,7 +172,7 @@ bool DriverForSocketCan::scanDevices(std::vector<std::shared_ptr<IInterface>>& d
         error = ::rtnl_link_alloc_cache(socket.get(), AF_UNSPEC, &links);
     }
     if (error < 0) {
-        return CORVEL_LOG(failure, "could not access netlink device list, error code:", error);
+        return CORVEL_FAIL("could not access netlink device list, error code:", error);
     }
     const std::unique_ptr<nl_cache, CacheDeleter> cache(links);
     for (nl_object* entry = ::nl_cache_get_first(links); entry != nullptr;
@@ -200,15 +201,17 @@ bool DriverForSocketCan::systemExecute(const std::string& command, int& exitCode
     exitCode = -1;
     const int status = ::system(command.c_str());
     if (status == -1) {
-        return CORVEL_LOG(failure, "system() failed, errno: ", errno, " (", std::strerror(errno),
-                          ")");
+        return CORVEL_FAIL("system() failed, errno: ", errno, " (", std::strerror(errno), ")");
+    }
+    if (WIFEXITED(status)) {
+        exitCode = WEXITSTATUS(status);
+        if (exitCode == 0) return true;
+        return CORVEL_FAIL("Command returned non-zero exit code: ", exitCode);
     }
     if (WIFSIGNALED(status)) {
-        return CORVEL_LOG(failure, "Command terminated by signal: ", WTERMSIG(status));
+        return CORVEL_FAIL("Command terminated by signal: ", WTERMSIG(status));
     }
-    if (!WIFEXITED(status)) return CORVEL_LOG(failure, "Command did not exit normally.\n");
-    exitCode = WEXITSTATUS(status);
-    return exitCode == 0 || CORVEL_LOG(failure, "Command returned non-zero exit code: ", exitCode);
+    return CORVEL_FAIL("Command did not exit normally.\n");
 }
 
 bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
@@ -224,12 +227,12 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
         up += " sample-point 0.875 restart-ms 0";
     }
     CORVEL_LOG(progress, up);
-    if (!configure(*this, up)) return false;
-    if (!configure(*this, link + (canFd ? " txqueuelen 10000" : " txqueuelen 2000"))) return false;
+    if (!runCommand(*this, up)) return false;
+    if (!runCommand(*this, link + (canFd ? " txqueuelen 10000" : " txqueuelen 2000"))) return false;
 
     desc.fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
     desc.fd = keepStandardStreamsFree(desc.fd);
-    if (desc.fd < 0) return CORVEL_LOG(failure, "error while opening socket");
+    if (desc.fd < 0) return CORVEL_FAIL("error while opening socket");
     NewSocket socket{desc.fd};
     ::fcntl(desc.fd, F_SETFD, FD_CLOEXEC);  // programs the application starts stay off the bus
     socket.isReady = bindSocket(desc.fd, desc.name) && (!canFd || enableCanFd(desc.fd));
@@ -255,9 +258,9 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
         std::memcpy(frame.data, msg.data, frame.can_dlc);
         return writeFrame(desc.fd, frame);
     }
-    if (msg.remote != 0) return CORVEL_LOG(failure, "CAN FD does not support remote frames");
+    if (msg.remote != 0) return CORVEL_FAIL("CAN FD does not support remote frames");
     if (msg.len > sizeof msg.data) {
-        return CORVEL_LOG(failure, "CAN FD frame refused, len above 8:", int{msg.len});
+        return CORVEL_FAIL("CAN FD frame refused, len above 8:", int{msg.len});
     }
     canfd_frame frame{};
     frame.can_id = id;
@@ -272,18 +275,17 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
 bool DriverForSocketCan::readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg,
                                      bool /*canFd*/, unsigned int timeout) {
     const int ready = waitReadable(desc.fd, timeout);
-    if (ready < 0) return CORVEL_LOG(failure, "select() error: ", std::strerror(errno));
+    if (ready < 0) return CORVEL_FAIL("select() error: ", std::strerror(errno));
     if (ready == 0) return false;
 
     canfd_frame frame;
     const ssize_t size = ::read(desc.fd, &frame, sizeof frame);
-    if (size < 0) return CORVEL_LOG(failure, "read() error: ", std::strerror(errno));
+    if (size < 0) return CORVEL_FAIL("read() error: ", std::strerror(errno));
     if (size != CAN_MTU && size != CANFD_MTU) {
-        return CORVEL_LOG(failure, "invalid CAN frame size: ", size);
+        return CORVEL_FAIL("invalid CAN frame size: ", size);
     }
     const uint8_t len = size == CAN_MTU ? std::min<uint8_t>(frame.len, CAN_MAX_DLEN) : frame.len;
-    if (len > sizeof msg.data)
-        return CORVEL_LOG(failure, "CAN FD frame dropped, len above 8:", int{len});
+    if (len > sizeof msg.data) return CORVEL_FAIL("CAN FD frame dropped, len above 8:", int{len});
     msg.id = frame.can_id;
     msg.remote = (frame.can_id & CAN_RTR_FLAG) != 0;
     msg.extended = (frame.can_id & CAN_EFF_FLAG) != 0;

@@ -48,7 +48,8 @@ IInterface::IInterface(const std::shared_ptr<IDriver>& driver, const DeviceDesc&
 bool IInterface::open(unsigned int bitrate, bool canFd, unsigned int dbitrate) {
     std::lock_guard<std::mutex> lock(m_stateMutex);
     if (m_isOpen) {
-        return CORVEL_LOG(refusal, "The device is already open!");
+        CORVEL_LOG(refusal, "The device is already open!");
+        return false;
     }
     m_canFd = canFd;
     m_session = std::make_shared<Session>(m_desc, m_canFd);  // now, since nothing may fail later
@@ -82,8 +83,8 @@ bool IInterface::writeMessage(const _corvel_CanMsg& msg) {
     {
         std::lock_guard<std::mutex> lock(m_stateMutex);
         if (!m_isOpen) {
-            return CORVEL_LOG(failure, "Failed to write, isOpen:", m_isOpen, " fd:", m_desc.fd,
-                              " handle:", m_desc.handle);
+            return CORVEL_FAIL("Failed to write, isOpen:", m_isOpen, " fd:", m_desc.fd,
+                               " handle:", m_desc.handle);
         }
         session = m_session;
     }

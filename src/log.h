@@ -7,19 +7,26 @@ namespace corvel {
 
 enum LogLevel { progress = 2, refusal = 3, failure = 4 };
 
-/// Writes one record and returns false, the result of what failed. Takes the words by value, since
-/// making a record may change errno.
+/// Writes one record, in one expression: the log library may keep the path by reference, which is
+/// valid until its end. Takes the words by value, since making a record may change errno.
 template <typename... Words>  // NOLINTNEXTLINE(performance-unnecessary-value-param): as said
-bool log(LogLevel level, const char* file, unsigned line, Words... words) {
-    LOG_Helper record("corvel", level, file, line);
-    (record.getSS() << ... << words);
+void log(LogLevel level, const char* file, unsigned line, Words... words) {
+    (LOG_Helper("corvel", level, file, line).getSS() << ... << words);
+}
+
+/// The same for a failure. Returns false, the result of what failed.
+template <typename... Words>
+bool fail(const char* file, unsigned line, Words... words) {
+    log(failure, file, line, words...);
     return false;
 }
 
 }  // namespace corvel
 
-/// One record of the words that follow the level, with the file and line of this statement. Gives
-/// false.
+/// One record of the words that follow the level, with the file and line of this statement.
 #define CORVEL_LOG(level, ...) corvel::log(corvel::level, __FILE__, __LINE__, __VA_ARGS__)
+
+/// One record of the words that say what failed: `return CORVEL_FAIL(...)` logs and returns false.
+#define CORVEL_FAIL(...) corvel::fail(__FILE__, __LINE__, __VA_ARGS__)
 
 #endif

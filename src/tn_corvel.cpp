@@ -145,16 +145,20 @@ int32_t corvel_freeDLL(int32_t devIndex) {
 [[gnu::flatten]] int32_t corvel_writeMessage(int32_t devIndex, const _corvel_CanMsg* msg) {
     const auto device = lookUp(devIndex, "Write failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
-    const bool written = msg != nullptr ? device->writeMessage(*msg)
-                                        : CORVEL_LOG(failure, "Write failed,msg is null");
-    return written ? CORVEL_SUCCESS : CORVEL_NOT_WRITTEN;
+    if (msg == nullptr) {
+        CORVEL_LOG(failure, "Write failed,msg is null");
+        return CORVEL_NOT_WRITTEN;
+    }
+    return device->writeMessage(*msg) ? CORVEL_SUCCESS : CORVEL_NOT_WRITTEN;
 }
 
 [[gnu::flatten]] int32_t corvel_readMessage(int32_t devIndex, _corvel_CanMsg* msg,
                                             uint32_t timeout) {
     const auto device = lookUp(devIndex, "Read failed,No such device");
     if (!device) return CORVEL_NO_DEVICE;
-    const bool read = msg != nullptr ? device->readMessage(*msg, timeout)
-                                     : CORVEL_LOG(failure, "Read failed,msg is null");
-    return read ? CORVEL_SUCCESS : CORVEL_NO_FRAME;
+    if (msg == nullptr) {
+        CORVEL_LOG(failure, "Read failed,msg is null");
+        return CORVEL_NO_FRAME;
+    }
+    return device->readMessage(*msg, timeout) ? CORVEL_SUCCESS : CORVEL_NO_FRAME;
 }

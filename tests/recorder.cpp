@@ -33,6 +33,7 @@ std::string& locksTaken = *new std::string;
 std::string& locksHeld = *new std::string;
 
 thread_local long allocationsLeft = -1;
+thread_local const std::string* path;  // of the source that the thread's log record comes from
 
 // While it lives, no allocation of this thread is made to fail.
 struct Memory {
@@ -115,12 +116,13 @@ long failAllocation(long after) {
 #endif
 
 LOG_Helper::LOG_Helper(std::string module, int level, const std::string& file, unsigned int line)
-    : m_module(std::move(module)), m_level(level), m_file(file), m_line(line) {
+    : m_module(std::move(module)), m_level(level), m_line(line) {
+    path = &file;    // a log library may keep it like this until the record is written
     errno = ENOTTY;  // making a record may change errno
 }
 LOG_Helper::~LOG_Helper() {
     const Memory memory;
-    const bool wellFormed = m_module == "corvel" && m_file.rfind("src/", 0) == 0 && m_line > 0;
+    const bool wellFormed = m_module == "corvel" && path->rfind("src/", 0) == 0 && m_line > 0;
     const std::string message = std::regex_replace(m_message.str(), std::regex("\n"), "\\n");
     answer(succeed, wellFormed ? "log" : "malformed log", m_level, message);
 }
