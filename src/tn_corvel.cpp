@@ -5,7 +5,6 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <utility>
 #include <vector>
 
 #include "corvel/driverforsocketcan.h"
@@ -22,51 +21,19 @@ static_assert(offsetof(_corvel_CanMsg, remote) == 20 && offsetof(_corvel_CanMsg,
 
 namespace {
 
-std::mutex m_mutex;  // guards the registry and `driver`; never held while either is called
+std::mutex m_mutex;  // guards m_devMap and nothing else
 
-// An object that no destructor runs on: calls of other threads and of exit handlers may still come
-// while the process ends.
-template <typename T>
-class NoDestructor {
-public:
-    explicit NoDestructor(T value) noexcept { new (m_storage) T(std::move(value)); }
-    T& operator*() noexcept { return *std::launder(reinterpret_cast<T*>(m_storage)); }
-    T* operator->() noexcept { return &**this; }
-
-private:
-    alignas(T) unsigned char m_storage[sizeof(T)];
-};
-
-// Empties such an object at that time. It waits for no lock: the thread that holds it may be
-// blocked, or be one that a forked child does not have. Then the object keeps what it holds.
-template <typename T>
-class EmptiedAtExit {
-public:
-    explicit EmptiedAtExit(T& object) noexcept : m_object(object) {}
-    ~EmptiedAtExit() {
-        T last{};
-        const std::unique_lock<std::mutex> lock(m_mutex, std::try_to_lock);
-        if (lock) last.swap(m_object);
-    }
-
-private:
-    T& m_object;
-};
-
+// In storage of its own, on which no destructor runs: other threads and exit handlers may still
+// call while the process ends.
 using Registry = std::map<unsigned int, std::shared_ptr<IInterface>>;
-NoDestructor<Registry> m_devMap{Registry()};
-const EmptiedAtExit<Registry> emptiesRegistry(*m_devMap);
-
-std::shared_ptr<IDriver> share(const std::shared_ptr<IDriver>& driver) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return driver;
-}
+alignas(Registry) unsigned char storage[sizeof(Registry)];
+Registry& m_devMap = *new (storage) Registry;
 
 // The device registered under devIndex, or an empty pointer after logging the refusal.
 std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* text) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const auto found = m_devMap->find(static_cast<unsigned int>(devIndex));
-    if (found != m_devMap->end()) return found->second;
+    const auto found = m_devMap.find(static_cast<unsigned int>(devIndex));
+    if (found != m_devMap.end()) return found->second;
     CORVEL_LOG(refusal, text);
     return nullptr;
 }
@@ -74,7 +41,7 @@ std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* text) {
 // The same, and takes it out of the registry.
 std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* text) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const auto entry = m_devMap->extract(static_cast<unsigned int>(devIndex));
+    const auto entry = m_devMap.extract(static_cast<unsigned int>(devIndex));
     if (!entry.empty()) return entry.mapped();
     CORVEL_LOG(refusal, text);
     return nullptr;
@@ -85,7 +52,7 @@ std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* text) {
 void registerDevice(unsigned int index, const std::shared_ptr<IInterface>& device) {
     CORVEL_LOG(progress, "Successfully opened Corvel.");
     std::lock_guard<std::mutex> lock(m_mutex);
-    (*m_devMap)[index] = device;
+    m_devMap[index] = device;
 }
 
 }  // namespace
@@ -94,26 +61,19 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
     const auto index = static_cast<unsigned int>(devIndex);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_devMap->count(index) != 0) {
+        if (m_devMap.count(index) != 0) {
             CORVEL_LOG(failure, "Failed open Corvel.The device is already open.");
             return CORVEL_NO_DEVICE;
         }
     }
 
-    static NoDestructor<std::shared_ptr<IDriver>> driver(
-        std::make_shared<corvel::DriverForSocketCan>());
-    static const EmptiedAtExit<std::shared_ptr<IDriver>> emptiesDriver(*driver);
-    const std::shared_ptr<IDriver> used = share(*driver);
-    if (!used) {
-        CORVEL_LOG(failure, "Open Corvel failed: the process is ending.");
-        return CORVEL_NO_DEVICE;
-    }
+    static const std::shared_ptr<IDriver> driver = std::make_shared<corvel::DriverForSocketCan>();
     std::vector<std::shared_ptr<IInterface>> devices;
-    if (!used->scanDevices(devices)) {
+    if (!driver->scanDevices(devices)) {
         CORVEL_LOG(failure, "Scan failed.");
         return CORVEL_NO_DEVICE;
     }
-    const std::shared_ptr<IInterface> device = used->getDeviceByIndex(index, devices);
+    const std::shared_ptr<IInterface> device = driver->getDeviceByIndex(index, devices);
     if (!device) {
         CORVEL_LOG(failure, "Open Corvel failed: device does not exist. devIndex:", devIndex);
         return CORVEL_NO_DEVICE;

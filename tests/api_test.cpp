@@ -28,10 +28,10 @@ static int receive() {
 static const auto poll = receive<0, 0>;
 
 static const std::string scanned = R"(
-aa/ nl_socket_alloc
-aa/ nl_connect 0
-aa/ rtnl_link_alloc_cache 0
-aa/ nl_close
+a/ nl_socket_alloc
+a/ nl_connect 0
+a/ rtnl_link_alloc_cache 0
+a/ nl_close
 )";
 static const std::string up =
     "sudo ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0";
@@ -39,11 +39,11 @@ static const std::string upCanFd =
     "sudo ip link set can0 up type can bitrate 500000 sample-point 0.75 dbitrate 2000000 "
     "sample-point 0.75 restart-ms 0 fd on";
 static const std::string bound = R"(
-aab/b socket PF_CAN SOCK_RAW CAN_RAW
-aab/b ioctl 50 INDEX can0
-aab/b bind 50 family 29 ifindex 77 size 16
+ab/b socket PF_CAN SOCK_RAW CAN_RAW
+ab/b ioctl 50 INDEX can0
+ab/b bind 50 family 29 ifindex 77 size 16
 )";
-static const std::string registered = "aab/ log 2 Successfully opened Corvel.\naaba/ = 0\n";
+static const std::string registered = "ab/ log 2 Successfully opened Corvel.\naba/ = 0\n";
 static const std::string released = R"(
 ab/b ioctl 50 FLAGS can0
 ab/b close 50
@@ -54,8 +54,8 @@ ab/ = 0
 )";
 
 TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
-    EXPECT_EQ(callsOf(init), scanned + "aab/b log 2 " + up + "\naab/b system " + up +
-                                 "\naab/b system sudo ip link set can0 txqueuelen 2000" + bound +
+    EXPECT_EQ(callsOf(init), scanned + "ab/b log 2 " + up + "\nab/b system " + up +
+                                 "\nab/b system sudo ip link set can0 txqueuelen 2000" + bound +
                                  registered);
     EXPECT_EQ(fcntl(50, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(fcntl(50, F_GETFL) & O_NONBLOCK, 0);
@@ -89,9 +89,9 @@ TEST_F(ApiTest, AReleaseReportsALinkThatIsDownAlready) {
 }
 
 TEST_F(ApiTest, ACanFdDeviceFromInitialisationToRelease) {
-    EXPECT_EQ(callsOf(initCanFd), scanned + "aab/b log 2 " + upCanFd + "\naab/b system " + upCanFd +
-                                      "\naab/b system sudo ip link set can0 txqueuelen 10000" +
-                                      bound + "aab/b setsockopt 50 FD_FRAMES 4:01\n" + registered);
+    EXPECT_EQ(callsOf(initCanFd), scanned + "ab/b log 2 " + upCanFd + "\nab/b system " + upCanFd +
+                                      "\nab/b system sudo ip link set can0 txqueuelen 10000" +
+                                      bound + "ab/b setsockopt 50 FD_FRAMES 4:01\n" + registered);
     EXPECT_EQ(callsOf(send), "\nabc/c write 50 72:2301000003010000010203\nabc/ = 0\n");
     EXPECT_EQ(callsOf(poll), "\nabd/d select 50 0 0\nabd/ = 2\n");
     EXPECT_EQ(initOther(), 0);
@@ -249,18 +249,18 @@ TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
 static bool callsLate;
 [[gnu::used, gnu::section(".preinit_array")]] static void (*const beforeAll)() = [] {
     const auto call = [](int, void*) {
-        if (callsLate) _exit(10 * release() + init());
+        if (callsLate) _exit(10 * send() + poll());
     };
     on_exit(call, nullptr);
 };
 
-TEST_F(ApiTest, CallsThatComeWhenTheProcessHasEndedFindNoDevice) {
+TEST_F(ApiTest, CallsThatComeWhenTheProcessHasEndedFindTheirDevice) {
     const auto end = [] {
         init();
         callsLate = true;
         exit(0);
     };
-    EXPECT_EXIT(end(), testing::ExitedWithCode(11), "");
+    EXPECT_EXIT(end(), testing::ExitedWithCode(2), "");
 }
 
 // Lets each allocation of a call fail in turn, until one call needs fewer; `check` runs after each.
