@@ -61,11 +61,11 @@ bool isAcceptable(const std::string& name) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                c == '.' || c == '_' || c == '-';
     };
-    if (!name.empty() && name.size() < IFNAMSIZ && name[0] != '-' &&
-        std::all_of(name.begin(), name.end(), allowed)) {
-        return true;
+    if (name.size() >= IFNAMSIZ || name[0] == '-' ||
+        !std::all_of(name.begin(), name.end(), allowed)) {
+        return CORVEL_FAIL("interface name refused:", name);
     }
-    return CORVEL_FAIL("interface name refused:", name);
+    return true;
 }
 
 bool runCommand(const DriverForSocketCan& driver, const std::string& command) {
@@ -178,11 +178,11 @@ bool DriverForSocketCan::scanDevices(std::vector<std::shared_ptr<IInterface>>& d
     for (nl_object* entry = ::nl_cache_get_first(links); entry != nullptr;
          entry = ::nl_cache_get_next(entry)) {
         auto* const link = reinterpret_cast<rtnl_link*>(entry);
-        const char* const name = ::rtnl_link_get_name(link);
-        if (::rtnl_link_get_arptype(link) != ARPHRD_CAN || name == nullptr) continue;
+        if (::rtnl_link_get_arptype(link) != ARPHRD_CAN) continue;
         IInterface::DeviceDesc desc;
         desc.ifindex = ::rtnl_link_get_ifindex(link);
-        desc.name = name;
+        const char* const name = ::rtnl_link_get_name(link);
+        if (name != nullptr) desc.name = name;
         devices.push_back(std::make_shared<IInterface>(shared_from_this(), desc));
     }
     return true;

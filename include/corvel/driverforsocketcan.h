@@ -11,7 +11,7 @@ namespace corvel {
 
 /// The driver for Linux SocketCAN: lists links over netlink, configures them with `ip` under
 /// `sudo`, and moves frames through raw CAN sockets. It has no state of its own.
-class CORVEL_API DriverForSocketCan final : public IDriver {
+class CORVEL_API DriverForSocketCan : public IDriver {
 public:
     /// Lists every link of the CAN hardware type, whatever its name and state.
     bool scanDevices(std::vector<std::shared_ptr<IInterface>>& devices) override;
@@ -21,9 +21,9 @@ public:
         unsigned int index, const std::vector<std::shared_ptr<IInterface>>& devices) override;
 
     /// Brings the link up with the given timing, sets its transmit queue length and binds a raw CAN
-    /// socket to it. A failure undoes no command that succeeded, but leaves no socket. A name that
-    /// is not 1 to 15 letters, digits, '.', '_' or '-', or starts with '-', is refused: it would
-    /// become part of a command.
+    /// socket to it. A failure undoes no command that succeeded, but leaves no socket. A name of
+    /// more than 15 characters, or of others than letters, digits, '.', '_' and '-', or that starts
+    /// with '-', is refused: a shell could misread it.
     bool open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
               unsigned int dbitrate) override;
 
