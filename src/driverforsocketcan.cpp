@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -96,26 +97,38 @@ bool bindSocket(int fd, const std::string& name) {
     return true;
 }
 
-// Ends reads that wait on a socket whose link is down already, just before it is closed. The kernel
-// reports a link that is down on each bind, but ignores a bind to the same interface. So the socket
-// is bound to all, with a filter that passes nothing, and then back. A link that is up reports its
-// own going down.
-void reportLinkDown(int fd, const std::string& name) {
+// The reads that are in the driver. Others need no telling that a link is down: the handle has put
+// a dead socket in the number's place before close() looks here, and a read that comes later meets
+// it.
+std::atomic<int> readsInside{0};
+
+struct ReadInside {
+    ReadInside() { ++readsInside; }
+    ~ReadInside() { --readsInside; }
+};
+
+// Ends the reads that wait on a socket whose link is down already; it is closed next. The kernel
+// reports a link that is down to each socket that is bound to it, but ignores a bind to the same
+// interface as before. So, in this order:
+// 1. A link that is up needs nothing: it reports its own going down.
+// 2. A filter that passes nothing is set, and stays: no frame of another interface is delivered.
+// 3. The socket is bound to all interfaces, and back to its own. The index comes from the name
+//    first, as there is none any more where the adapter was removed.
+void wakeReadsOnDeadLink(int fd, const std::string& name) {
     const can_filter nothing{};
     ifreq request = requestFor(name);
-    if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_UP) != 0 ||
-        ::ioctl(fd, SIOCGIFINDEX, &request) != 0 ||
-        ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, &nothing, 0) != 0 || bindTo(fd, 0) != 0) {
-        return;
-    }
+    if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_UP) != 0) return;
+    if (::ioctl(fd, SIOCGIFINDEX, &request) != 0) return;
+    if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, &nothing, 0) != 0) return;
+    if (bindTo(fd, 0) != 0) return;
     bindTo(fd, request.ifr_ifindex);  // fails where the adapter is removed at this moment
 }
 
-// A descriptor above those of standard input, output and error in the place of `fd`: what the
-// application prints must not go onto the bus. Below 0 when there is none.
+// Moves `fd` above the standard streams: what the application prints must not go onto the bus.
+// Negative on failure.
 int keepStandardStreamsFree(int fd) {
     if (fd < 0 || fd > STDERR_FILENO) return fd;
-    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int moved = ::fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
     ::close(fd);
     return moved;
 }
@@ -240,7 +253,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
 }
 
 void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
-    if (desc.fd != -1) reportLinkDown(desc.fd, desc.name);
+    if (desc.fd != -1 && readsInside != 0) wakeReadsOnDeadLink(desc.fd, desc.name);
     closeSocket(desc.fd);
     if (!isAcceptable(desc.name)) return;
     const std::string down = "sudo ip link set " + desc.name + " down";
@@ -274,6 +287,7 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
 // frame up to its 16 bytes. So the mode is not consulted.
 bool DriverForSocketCan::readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg,
                                      bool /*canFd*/, unsigned int timeout) {
+    const ReadInside inside;
     const int ready = waitReadable(desc.fd, timeout);
     if (ready < 0) return CORVEL_FAIL("select() error: ", std::strerror(errno));
     if (ready == 0) return false;
