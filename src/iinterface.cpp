@@ -27,18 +27,25 @@ struct IInterface::Session {
         if (reserved != -1) ::close(reserved);
     }
 
-    // Moves the file to a new descriptor, for the driver to close, and puts a socket that is
-    // connected to nothing in its old place: no select waits on that, and every read and write
-    // fails. Without descriptors to spare `fd` stays as it is.
+    // Calls that are still running use the number of `fd`, so nobody else may get it:
+    // 1. A copy of the socket gets another number, for the driver to close.
+    // 2. A socket that is connected to nothing takes the old number. No select waits on it, and
+    //    every read and write fails.
+    // 3. The last of those calls closes that one, and the number is free.
+    // Without descriptors to spare, `fd` stays as it is. So it does at or above a limit that was
+    // lowered meanwhile, but no such number is handed out.
     void reserveNumber(int& fd) {
         const int dead = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const int moved = dead < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        if (moved >= 0) {
-            ::dup3(dead, fd, O_CLOEXEC);
-            reserved = fd;
-            fd = moved;
+        if (dead < 0) return;
+        const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        if (copy >= 0) {
+            if (::dup3(dead, fd, O_CLOEXEC) >= 0) {
+                reserved = std::exchange(fd, copy);
+            } else {
+                ::close(copy);
+            }
         }
-        if (dead >= 0) ::close(dead);
+        ::close(dead);
     }
 };
 
