@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <future>
+#include <new>
+
 #include "recorder.h"
 
 using corvel::IInterface;
@@ -15,6 +18,34 @@ static std::shared_ptr<IInterface> handle(const std::string& name) {
     return std::make_shared<IInterface>(driver, desc);
 }
 static _corvel_CanMsg msg{};
+
+// A back end whose devices have no file descriptor.
+class FakeDriver : public corvel::DriverForSocketCan {
+public:
+    bool open(IInterface::DeviceDesc& desc, unsigned, bool, unsigned) override {
+        desc.handle = this;
+        return act();
+    }
+    void close(IInterface::DeviceDesc& desc) override {
+        m_closed = desc.fd;
+        act();
+    }
+    bool readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg&, bool, unsigned) override {
+        return act() && desc.handle == this;
+    }
+    bool writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg&, bool) override {
+        return act() && desc.handle == this;
+    }
+    std::function<void()> m_within;  // happens within the next operation
+    int m_closed = 0;
+
+private:
+    bool act() {
+        if (m_within) std::exchange(m_within, nullptr)();
+        return true;
+    }
+};
+static const auto fake = std::make_shared<FakeDriver>();
 
 TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     m_links = {{280, "can10"}, {1, "can7"},   {280, "can01"}, {280, ""},    {280, "CAN1"},
@@ -37,22 +68,22 @@ TEST_F(HandleTest, AHandleFollowsItsStates) {
     const auto write = [&] { return device->writeMessage(msg); };
     const auto read = [&] { return device->readMessage(msg, 60000); };
     const std::string down = "log 2 sudo ip link set can0 down; = 0";
-    const std::string notOpen = "\na/a log 4 Failed to write, isOpen:0 fd:-1 handle:0\na/ = 0\n";
-    EXPECT_EQ(callsOf(read), "\na/ = 0\n") << "at once, without a message";
+    const std::string notOpen = "\nlog 4 Failed to write, isOpen:0 fd:-1 handle:0\n= 0\n";
+    EXPECT_EQ(callsOf(read), "\n= 0\n") << "at once, without a message";
     EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_EQ(outcome(close), down);
     m_answers = {{"bind", -1}};
     EXPECT_FALSE(open());
     EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_TRUE(device->open(1, true, 2));
-    EXPECT_EQ(callsOf(open), "\na/a log 3 The device is already open!\na/ = 0\n");
+    EXPECT_EQ(callsOf(open), "\nlog 3 The device is already open!\n= 0\n");
     EXPECT_EQ(outcome(write), "write 50 72:000000000001; = 1") << "in the mode of before";
     m_answers = {{"system", -1, 10}};
     EXPECT_EQ(outcome(close), "close 50; " + down);
     EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_TRUE(open());
     EXPECT_EQ(outcome(write), "write 50 16:; = 1");
-    EXPECT_EQ(callsOf([&] { return device.reset(), 0; }), "\n/ = 0\n") << "it closes nothing";
+    EXPECT_EQ(callsOf([&] { return device.reset(), 0; }), "\n= 0\n") << "it closes nothing";
     ::close(50);
 }
 
@@ -86,4 +117,45 @@ TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
     m_answers = {{"select 0", 0}};
     EXPECT_FALSE(driver->readMessage(desc, msg, false, 1));
     EXPECT_TRUE(m_answers.empty()) << "not waited for";
+}
+
+TEST_F(HandleTest, ADriverThatThrowsLeavesADeviceClosedAndNoLockHeld) {
+    const auto fail = [] { throw std::bad_alloc(); };
+    IInterface device(fake, {});
+    fake->m_within = fail;
+    EXPECT_THROW(device.open(1, false, 2), std::bad_alloc);
+    EXPECT_FALSE(device.readMessage(msg, 0));
+    EXPECT_TRUE(device.open(1, false, 2));
+    fake->m_within = fail;
+    EXPECT_THROW(device.readMessage(msg, 0), std::bad_alloc);
+    EXPECT_TRUE(device.readMessage(msg, 0));
+    fake->m_within = fail;
+    EXPECT_THROW(device.close(), std::bad_alloc);
+    EXPECT_FALSE(device.readMessage(msg, 0));
+    EXPECT_TRUE(device.open(1, false, 2));
+}
+
+TEST_F(HandleTest, AReadInProgressHoldsUpNothingElse) {
+    IInterface device(fake, {});
+    ASSERT_TRUE(device.open(1, false, 2));
+    fake->m_within = [&] {
+        EXPECT_TRUE(device.writeMessage(msg));
+        EXPECT_FALSE(device.open(1, false, 2));
+        device.close();
+        EXPECT_EQ(fake->m_closed, -1) << "moved, though there is no descriptor";
+        EXPECT_TRUE(device.open(1, false, 2));
+    };
+    EXPECT_TRUE(device.readMessage(msg, 0));
+}
+
+// Without the recorder, which knows one thread.
+TEST(SlowDriverTest, AnOpeningHoldsUpAReadUntilItsEnd) {
+    IInterface device(fake, {});
+    std::future<bool> read;
+    fake->m_within = [&] {
+        read = std::async(std::launch::async, [&] { return device.readMessage(msg, 0); });
+        EXPECT_EQ(read.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    };
+    EXPECT_TRUE(device.open(1, false, 2));
+    EXPECT_TRUE(read.get());
 }

@@ -14,10 +14,12 @@
 #include "corvel/driverforsocketcan.h"
 
 // What the next call whose line holds the text gives, with this errno, instead of doing anything.
+// An action comes before the call, which then goes on as usual.
 struct Answer {
     std::string text;
     int result;
     int error = 0;
+    std::function<void()> action = nullptr;
 };
 
 // Every test has a system of its own, and ends with the descriptors that it began with. Calls
@@ -42,13 +44,16 @@ private:
 // many were left of an earlier order: below 0 when there was none, or it has been carried out.
 long failAllocation(long after);
 
-// What a call did and its result, each line after a line end: "TAKEN/HELD NAME ARGUMENTS", with the
-// letters of the locks that the library has taken for the call so far, and of those that it holds.
+// What a call asked of the system and its result, each line after a line end: "NAME ARGUMENTS".
 // Log records are "log LEVEL MESSAGE".
 std::string callsOf(const std::function<int()>& call);
 
-// Only its log records, frames, closed sockets and result, without the locks, separated by "; ".
+// Only its log records, frames, closed sockets and result, separated by "; ".
 std::string outcome(const std::function<int()>& call);
+
+// The letters of the locks that the library took for a call, "; ", and of those that it held while
+// it asked the system, "-" for none, each time that this changed.
+std::string locksOf(const std::function<int()>& call);
 
 // Bytes, given as hexadecimal text and followed by zeros up to the size.
 std::string bytes(const std::string& hexadecimal, size_t size);
