@@ -3,12 +3,10 @@
 // what the library itself does. Prints one table, and writes it as JSON: frames [FILE]
 
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 #include <linux/can.h>
 #include <sys/select.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -19,32 +17,9 @@
 
 #include "tn_corvel.h"
 
-static std::atomic<long> calls;
-
-// The function that one of the program's own stands in for, with the call counted.
-template <auto function>
-static auto counted(const char* name) {
-    static const auto real = reinterpret_cast<decltype(function)>(dlsym(RTLD_NEXT, name));
-    calls.fetch_add(1, std::memory_order_relaxed);
-    return real;
-}
-
-// The program's own definitions come before those of any library: these stand in for the commands,
-// and count the calls that move frames, the library's and (not inlined) the bare ones at the same
-// cost.
-extern "C" {
-int system(const char*) {
+// The program's own definitions come before those of any library: no command is run.
+extern "C" int system(const char*) {
     return 0;
-}
-[[gnu::noinline]] int select(int fds, fd_set* in, fd_set* out, fd_set* except, timeval* limit) {
-    return counted<&select>("select")(fds, in, out, except, limit);
-}
-[[gnu::noinline]] ssize_t read(int fd, void* data, size_t size) {
-    return counted<&read>("read")(fd, data, size);
-}
-[[gnu::noinline]] ssize_t write(int fd, const void* data, size_t size) {
-    return counted<&write>("write")(fd, data, size);
-}
 }
 
 namespace {
@@ -206,25 +181,6 @@ private:
     const char* m_separator = "";
 };
 
-void countCalls(Table& table) {
-    constexpr int frames = 1000;
-    const Pair pair(0, 1, false);
-    long written = 0, read = 0;
-    for (int i = 0; i < frames; ++i) {
-        const long start = calls;
-        pair.write();
-        const long middle = calls;
-        pair.read();
-        written += middle - start;
-        read += calls - middle;
-    }
-    const auto row = [&](const char* name, long count) {
-        table.figure(name, static_cast<double>(count) / frames, "");
-    };
-    row("system calls per write", written);
-    row("system calls per read", read);
-}
-
 void timeCycles(Table& table) {
     constexpr int cycles = 200;
     const auto start = Clock::now();
@@ -255,7 +211,6 @@ int main(int argc, char** argv) {
                       "ns");
         }
     }
-    countCalls(table);
     timeCycles(table);
     if (corvel_initDLL(2, 500, false, 0) == CORVEL_SUCCESS) {
         corvel_freeDLL(2);
