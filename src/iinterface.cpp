@@ -68,9 +68,10 @@ bool IInterface::open(unsigned int bitrate, bool canFd, unsigned int dbitrate) {
 void IInterface::close() {
     std::lock_guard<std::mutex> lock(m_stateMutex);
     m_isOpen = false;  // first, so that it holds even when the driver throws
-    std::shared_ptr<Session> session = std::move(m_session);
-    // Calls in progress use the number; no new ones can begin.
-    if (session.use_count() > 1) session->reserveNumber(m_desc.fd);
+    // Calls in progress share the session, and no new ones can begin.
+    const std::weak_ptr<Session> ended = m_session;
+    m_session.reset();
+    if (const auto shared = ended.lock()) shared->reserveNumber(m_desc.fd);
     m_driver->close(m_desc);
 }
 
