@@ -7,9 +7,12 @@ namespace corvel {
 
 enum LogLevel { progress = 2, refusal = 3, failure = 4 };
 
+// Both take the words by value, since making a record may change errno.
+// NOLINTBEGIN(performance-unnecessary-value-param)
+
 /// Writes one record, in one expression: the log library may keep the path by reference, which is
-/// valid until its end. Takes the words by value, since making a record may change errno.
-template <typename... Words>  // NOLINTNEXTLINE(performance-unnecessary-value-param): as said
+/// valid until its end.
+template <typename... Words>
 void log(LogLevel level, const char* file, unsigned line, Words... words) {
     (LOG_Helper("corvel", level, file, line).getSS() << ... << words);
 }
@@ -20,6 +23,8 @@ bool fail(const char* file, unsigned line, Words... words) {
     log(failure, file, line, words...);
     return false;
 }
+
+// NOLINTEND(performance-unnecessary-value-param)
 
 }  // namespace corvel
 

@@ -2,8 +2,10 @@
 
 #include <unistd.h>
 
-#include <future>
+#include <functional>
+#include <memory>
 #include <new>
+#include <utility>
 
 #include "recorder.h"
 
@@ -135,7 +137,7 @@ TEST_F(HandleTest, ADriverThatThrowsLeavesADeviceClosedAndNoLockHeld) {
     EXPECT_TRUE(device.open(1, false, 2));
 }
 
-TEST_F(HandleTest, AReadInProgressHoldsUpNothingElse) {
+TEST_F(HandleTest, ASlowReadHoldsUpNothingElse) {
     IInterface device(fake, {});
     ASSERT_TRUE(device.open(1, false, 2));
     fake->m_within = [&] {
@@ -146,16 +148,4 @@ TEST_F(HandleTest, AReadInProgressHoldsUpNothingElse) {
         EXPECT_TRUE(device.open(1, false, 2));
     };
     EXPECT_TRUE(device.readMessage(msg, 0));
-}
-
-// Without the recorder, which knows one thread.
-TEST(SlowDriverTest, AnOpeningHoldsUpAReadUntilItsEnd) {
-    IInterface device(fake, {});
-    std::future<bool> read;
-    fake->m_within = [&] {
-        read = std::async(std::launch::async, [&] { return device.readMessage(msg, 0); });
-        EXPECT_EQ(read.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    };
-    EXPECT_TRUE(device.open(1, false, 2));
-    EXPECT_TRUE(read.get());
 }

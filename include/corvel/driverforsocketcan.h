@@ -13,6 +13,8 @@ namespace corvel {
 /// `sudo`, and moves frames through raw CAN sockets. It has no state of its own.
 class CORVEL_API DriverForSocketCan : public IDriver {
 public:
+    virtual ~DriverForSocketCan() = default;
+
     /// Lists every link of the CAN hardware type, whatever its name and state.
     bool scanDevices(std::vector<std::shared_ptr<IInterface>>& devices) override;
 
