@@ -58,7 +58,7 @@ lint() {
         { echo "git lists no files here: nothing was checked"; return 77; }
     shellcheck scripts/common.sh vm/init $files || return 1
     install_packages clang-tidy-19 || { echo "no clang-tidy 19 here: C and C++ were not checked"; return 77; }
-    cmake -S . -B build/lint -G Ninja -DCMAKE_UNITY_BUILD=OFF >/dev/null &&
+    cmake -S . -B build/lint -G Ninja >/dev/null &&
         clang-tidy-19 -p build/lint --quiet $(sed -n 's/^ *"file": "\(.*\)".*/\1/p' build/lint/compile_commands.json)
 }
 
