@@ -23,11 +23,13 @@
  *   stays up, and the next initialisation fails with CORVEL_OPEN_FAILED ("Device or resource busy")
  *   until somebody runs `sudo ip link set canN down`.
  * - For one index, run no initialisation at the same time as another one or as a release.
+ * - Initialise and release a device in one network namespace, and rename no link meanwhile.
  * - During an initialisation, neither ignore SIGCHLD nor call wait() or waitpid(-1, ...) in another
  *   thread: the outcome of its commands would be lost (CORVEL_OPEN_FAILED).
  * - Make no call from a signal handler. After fork, make none in the child of a process with
  *   threads before it executes another program. Cancel no thread inside a call.
  *   Unload the library only when no call runs or can still come.
+ * - Initialise no device while the process ends (exit handlers, destructors of static objects).
  * - Provide a log library that does not call this library, which would deadlock.
  *
  * docs/threads.md gives the reasons, and the rare cases in which a promise is weaker: no spare file
