@@ -5,4 +5,4 @@ s#\[([^]]*)\]\(([^):]*/)?simulated-bus[.]md\)#\\ref simcan "\1"#g
 s#\[([^]]*)\]\(([^):]*/)?back-ends[.]md\)#\\ref backends "\1"#g
 s#\[([^]]*)\]\(([^):]*/)?CONTRIBUTING[.]md\)#\\ref contributing "\1"#g
 s#\[([^]]*)\]\(([^):]*/)?include/tn_corvel[.]h\)#\\ref tn_corvel.h "\1"#g
-s#\[([^]]*)\]\((examples/|packaging/[^)]*)\)#\1#g
+s#\[([^]]*)\]\((examples/|system/[^)]*)\)#\1#g

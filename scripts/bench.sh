@@ -11,7 +11,7 @@ install_packages $build_packages libbenchmark-dev
 cmake -S . -B build/release -G Ninja -DCORVEL_BENCH=ON >/dev/null
 cmake --build build/release
 if [ $# -eq 1 ]; then
-    VM_COUNTED=1 exec vm/boot.sh 300 "$PWD/bench/in_vm.sh" "$PWD/build/release/frames"
+    VM_COUNTED=1 exec vm/boot.sh 300 "$PWD/bench/frames_in_vm.sh" "$PWD/build/release/frames"
 fi
 # The log of the library's progress would drown the table; it is shown when something fails.
 SIMCAN='can0 can1 can2:1 can3:1' build/release/simcan/simcan --own build/release/frames \

@@ -56,7 +56,7 @@ lint() {
     install_packages git shellcheck || return 1
     files=$(git grep -lE '^#!/bin/(bash|sh|busybox sh)$') ||
         { echo "git lists no files here: nothing was checked"; return 77; }
-    shellcheck scripts/common.sh vm/init $files || return 1
+    shellcheck scripts/common.sh vm/init.sh $files || return 1
     install_packages clang-tidy-19 || { echo "no clang-tidy 19 here: C and C++ were not checked"; return 77; }
     cmake -S . -B build/lint -G Ninja >/dev/null &&
         clang-tidy-19 -p build/lint --quiet $(sed -n 's/^ *"file": "\(.*\)".*/\1/p' build/lint/compile_commands.json)

@@ -21,7 +21,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 130' INT
 console=$work/console
-cp "$here/init" "$here/run" "$work"
+cp "$here/init.sh" "$work/init"
+cp "$here/run.sh" "$work/run"
 printf 'exec %s\n' "$(printf '%q ' "$@")" >"$work/command"
 verdict="exit status ($RANDOM$RANDOM):" # which nothing else prints
 echo "$verdict" >"$work/verdict"

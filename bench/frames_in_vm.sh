@@ -1,6 +1,6 @@
 #!/bin/bash
 # Runs the benchmark in the virtual machine, on the kernel's own CAN path: a pair of virtual CAN
-# interfaces takes the names can0 and can1. in_vm.sh PROGRAM
+# interfaces takes the names can0 and can1. frames_in_vm.sh PROGRAM
 set -eu
 cd "$(mktemp -d)"
 for device in can0 can1 can2 can3; do ip link set "$device" name "unused-$device"; done
