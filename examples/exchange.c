@@ -7,6 +7,9 @@
 #include <tn_corvel.h>
 
 #include "end_signals.h"
+#include "words.h"
+
+static const char usage[] = "usage: exchange [A B]    numbers of two CAN interfaces on one bus\n";
 
 enum { NOMINAL_KBIT = 500, DATA_KBIT = 2000, TIMEOUT_MS = 1000 };
 
@@ -76,20 +79,11 @@ static void release(int a, int b) {
     if (stopped) exit(EXIT_FAILURE);
 }
 
-// Reads an adapter's number; -1 when it is none.
-static int number(const char* text) {
-    char* end;
-    const long value = strtol(text, &end, 10);
-    return *text != '\0' && *end == '\0' && value >= 0 && value <= 9999 ? (int)value : -1;
-}
-
 int main(int count, char** words) {
-    const int a = count == 3 ? number(words[1]) : 0;
-    const int b = count == 3 ? number(words[2]) : 1;
-    if ((count != 1 && count != 3) || a < 0 || b < 0 || a == b) {
-        fprintf(stderr, "usage: exchange [A B]    numbers of two CAN interfaces on one bus\n");
-        return 2;
-    }
+    checkWords(usage, count, words, count == 1 ? 0 : 2, 2);
+    const int a = count == 1 ? 0 : (int)readNumber(usage, words[1], 9999);
+    const int b = count == 1 ? 1 : (int)readNumber(usage, words[2], 9999);
+    if (a == b) refuse(usage, words[2], "is the first interface again");
     setvbuf(stdout, NULL, _IOLBF, 0);  // in order with the log on standard error
 
     const _corvel_CanMsg standard = {.id = 0x123, .data = {0x11, 0x22, 0x33}, .len = 3};

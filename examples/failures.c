@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <tn_corvel.h>
 
+#include "words.h"
+
 static int surprises = 0;
 
 static void expect(const char* what, int status, int expected) {
@@ -13,7 +15,8 @@ static void expect(const char* what, int status, int expected) {
     if (status != expected) surprises++;
 }
 
-int main(void) {
+int main(int count, char** words) {
+    checkWords("usage: simcan failures\n", count, words, 0, 0);
     if (simcan_failNext == NULL) {
         fprintf(stderr, "failures: to be run on the simulated bus: simcan ./failures\n");
         return 2;

@@ -7,15 +7,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <optional>
-#include <stdexcept>
-#include <string>
 #include <thread>
 
 #include "adapter.hpp"
 #include "end_signals.h"
+#include "words.h"
 
 using std::chrono::milliseconds;
 using std::this_thread::sleep_for;
@@ -57,20 +55,11 @@ private:
     std::thread m_thread;  // last: it uses the others
 };
 
-static int number(const char* text) {
-    char* end;
-    const long value = std::strtol(text, &end, 10);
-    if (end != text && *end == '\0' && value >= 0 && value <= 9999) return static_cast<int>(value);
-    throw std::invalid_argument(std::string("no number of an interface: ") + text);
-}
-
 int main(int count, char** words) try {
-    if (count != 3) {
-        std::fprintf(stderr, "usage: gateway A B    numbers of two CAN interfaces\n");
-        return 2;
-    }
-    const int a = number(words[1]);
-    const int b = number(words[2]);
+    const char usage[] = "usage: gateway A B    numbers of two CAN interfaces\n";
+    checkWords(usage, count, words, 2, 2);
+    const int a = static_cast<int>(readNumber(usage, words[1], 9999));
+    const int b = static_cast<int>(readNumber(usage, words[2], 9999));
     holdSignals();                  // in all threads; this one asks for them
     struct sigaction nothing = {};  // no SA_RESTART: a call that the signal meets comes back
     nothing.sa_handler = [](int) {};
@@ -80,6 +69,7 @@ int main(int count, char** words) try {
     const Adapter first(a), second(b);
     there.emplace(a, b);
     back.emplace(b, a);
+    std::fprintf(stderr, "gateway: can%d and can%d are open\n", a, b);
     int ended;
     sigwait(&endSignals, &ended);
     return 0;

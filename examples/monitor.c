@@ -8,6 +8,11 @@
 #include <tn_corvel.h>
 
 #include "end_signals.h"
+#include "words.h"
+
+static const char usage[] =
+    "usage: monitor N [BITRATE [DBITRATE]]\n"
+    "N: number of the interface; rates in kbit/s; a data bit rate selects CAN FD\n";
 
 static double now(clockid_t clock) {
     struct timespec time;
@@ -27,23 +32,11 @@ static void print(int device, const _corvel_CanMsg* msg) {
     putchar('\n');
 }
 
-// Reads a decimal number up to `limit` from the command line, or ends the program.
-static unsigned number(const char* text, unsigned limit) {
-    char* end;
-    const unsigned long value = strtoul(text, &end, 10);
-    if (*text >= '0' && *text <= '9' && *end == '\0' && value <= limit) return (unsigned)value;
-    fprintf(stderr, "monitor: '%s' is not a number from 0 to %u\n", text, limit);
-    exit(2);
-}
-
 int main(int count, char** words) {
-    if (count < 2 || count > 4) {
-        fprintf(stderr, "usage: monitor N [BITRATE [DBITRATE]]    rates in kbit/s\n");
-        return 2;
-    }
-    const int device = (int)number(words[1], 9999);
-    const unsigned bitrate = count > 2 ? number(words[2], 4294967) : 500;
-    const unsigned dbitrate = count > 3 ? number(words[3], 4294967) : 0;
+    checkWords(usage, count, words, 1, 3);
+    const int device = (int)readNumber(usage, words[1], 9999);
+    const unsigned bitrate = count > 2 ? readNumber(usage, words[2], 4294967) : 500;
+    const unsigned dbitrate = count > 3 ? readNumber(usage, words[3], 4294967) : 0;
 
     holdSignals();
     const int status = corvel_initDLL(device, bitrate, count > 3, dbitrate);
@@ -58,6 +51,7 @@ int main(int count, char** words) {
         return 1;
     }
     letSignals();
+    fprintf(stderr, "monitor: can%d is open\n", device);
     const double start = now(CLOCK_MONOTONIC);
     unsigned long frames = 0;
     while (!stopped) {

@@ -5,8 +5,10 @@
 
 #include "adapter.hpp"
 #include "end_signals.h"
+#include "words.h"
 
-int main() try {
+int main(int count, char** words) try {
+    checkWords("usage: ping    from can0 to can1\n", count, words, 0, 0);
     using Clock = std::chrono::steady_clock;
     holdSignals();  // a Ctrl-C waits for the second that this takes
     Adapter from(0), to(1);

@@ -13,6 +13,12 @@
 #include <unistd.h>
 
 #include "end_signals.h"
+#include "words.h"
+
+static const char usage[] =
+    "usage: send N FRAME [COUNT [INTERVAL [BITRATE [DBITRATE]]]]\n"
+    "N: number of the interface; FRAME: such as 123#112233, 1ABCDEF0#11.22 or 123#R2;\n"
+    "INTERVAL in ms; rates in kbit/s; a data bit rate selects CAN FD\n";
 
 // Reads a frame; false when it is not in the notation.
 static bool parse(const char* text, _corvel_CanMsg* msg) {
@@ -39,15 +45,6 @@ static bool parse(const char* text, _corvel_CanMsg* msg) {
     return *rest == '\0';
 }
 
-// Reads a decimal number up to `limit` from the command line, or ends the program.
-static unsigned number(const char* text, unsigned limit) {
-    char* end;
-    const unsigned long value = strtoul(text, &end, 10);
-    if (*text >= '0' && *text <= '9' && *end == '\0' && value <= limit) return (unsigned)value;
-    fprintf(stderr, "send: '%s' is not a number from 0 to %u\n", text, limit);
-    exit(2);
-}
-
 static void pause_ms(unsigned ms) {
     const struct timespec time = {(time_t)(ms / 1000), (long)(ms % 1000) * 1000000};
     nanosleep(&time, NULL);
@@ -65,23 +62,14 @@ static int sendPatiently(int device, const _corvel_CanMsg* msg) {
 
 int main(int count, char** words) {
     _corvel_CanMsg msg;
-    if (count < 3 || count > 7) {
-        fprintf(stderr, "usage: send N FRAME [COUNT [INTERVAL [BITRATE [DBITRATE]]]]\n");
-        return 2;
-    }
-    if (!parse(words[2], &msg)) {
-        fprintf(stderr, "send: '%s' is not a frame such as 123#112233 or 1ABCDEF0#R2\n", words[2]);
-        return 2;
-    }
-    const int device = (int)number(words[1], 9999);
-    const unsigned total = count > 3 ? number(words[3], 4294967295u) : 1;
-    const unsigned interval = count > 4 ? number(words[4], 3600000) : 0;
-    const unsigned bitrate = count > 5 ? number(words[5], 4294967) : 500;
-    const unsigned dbitrate = count > 6 ? number(words[6], 4294967) : 0;
-    if (count > 6 && msg.remote) {
-        fprintf(stderr, "send: CAN FD has no remote frames\n");
-        return 2;
-    }
+    checkWords(usage, count, words, 2, 6);
+    const int device = (int)readNumber(usage, words[1], 9999);
+    if (!parse(words[2], &msg)) refuse(usage, words[2], "is not a frame");
+    const unsigned total = count > 3 ? readNumber(usage, words[3], 4294967295u) : 1;
+    const unsigned interval = count > 4 ? readNumber(usage, words[4], 3600000) : 0;
+    const unsigned bitrate = count > 5 ? readNumber(usage, words[5], 4294967) : 500;
+    const unsigned dbitrate = count > 6 ? readNumber(usage, words[6], 4294967) : 0;
+    if (count > 6 && msg.remote) refuse(usage, words[2], "is a remote frame, which CAN FD has not");
 
     holdSignals();
     const int status = corvel_initDLL(device, bitrate, count > 6, dbitrate);

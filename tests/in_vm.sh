@@ -3,10 +3,11 @@
 # can-utils. Ends at the first surprise. in_vm.sh BUILD: the folder that holds the build to test.
 set -eEu -o pipefail
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
-root=$(realpath "$(dirname "$0")/..")
+. "$(dirname "$0")/../scripts/common.sh"
+[[ $# -eq 1 && -x $1/bus_test ]] || refuse "no build with tests: $*"
+root=$PWD
 cd "$(mktemp -d)"
 uname -srv
-eventually() { for _ in $(seq 400); do ! "$@" || return 0; sleep 0.1; done; "$@"; }
 holds() { # FILE TEXTS...
     for text in "${@:2}"; do grep -qF -- "$text" "$1" || { echo "no '$text' in:"; cat "$1"; return 1; }; done
 }
@@ -31,6 +32,7 @@ tests() { # COMMAND...: runs tests of the bus
     grep -E 'returned within|PASSED  ] [1-9]|expected' out
 }
 python_tests() { # NUMBER WORDS COMMAND...: as many tests, from Python
+    # shellcheck disable=SC2086 # several words
     "${@:3}" /usr/bin/python3 /opt/corvel/python_test.py $2 >out 2>&1 || { cat out; return 1; }
     holds out "Ran $1 test"
 }
@@ -43,6 +45,7 @@ permissions() {
     tests as_user exchange
     for words in 'set lo down' 'set can0 down up' 'set can0 down netns 1' 'set can0;reboot down' 'delete can0' \
         'set can0 txqueuelen 10001' 'set can0 up type can bitrate 5e5 sample-point 0.875 restart-ms 0'; do
+        # shellcheck disable=SC2086 # several words
         refuses ip link $words
     done
     refuses ip link set can0 $'down\nnetns'
@@ -80,7 +83,7 @@ usb_adapters() {
     adapters() { printf '%s\n' /sys/bus/usb/drivers/gs_usb/*/net/can*; }
     all() { [ "$(adapters | wc -l)" = 4 ]; }
     eventually all
-    "$root/vm/take_over.sh" $(adapters | xargs -n 1 basename)
+    adapters | xargs -n 1 basename | xargs "$root/vm/take_over.sh"
     tests bus_test
     plug_in() { echo A1 >&9; eventually test -e /sys/class/net/can0; }
     removed_by 'echo A1 >&9' bus_test
@@ -100,14 +103,14 @@ pulled_gateway() {
     for _ in $(seq 20); do
         gateway 0 2 >forwarded 2>log &
         gateway=$!
-        eventually awk '/Successfully/ { n++ } END { exit n < 2 }' log
-        cangen can1 -g 2 -i & senders=$!
-        cangen can3 -g 2 -i & senders+=" $!"
+        eventually grep -q 'are open' log
+        cangen can1 -g 2 -i & senders=("$!")
+        cangen can3 -g 2 -i & senders+=("$!")
         sleep 0.5
         echo A1 >&9
         eventually test ! -e /sys/class/net/can0
         sleep 0.2
-        kill $senders
+        kill "${senders[@]}"
         eventually silent
         start=$(date +%s%3N)
         kill $gateway
