@@ -7,8 +7,9 @@ set -eu -o pipefail
 case ${1-} in
     arm64) emulator=qemu-aarch64 ;;
     armhf) emulator=qemu-arm ;;
-    *) usage ;;
+    *) refuse "no architecture that it knows: ${1-}" ;;
 esac
+[ $# -eq 1 ] || refuse "unknown word: $2"
 architecture=$1
 here=$(dpkg --print-architecture)
 install_packages mmdebstrap

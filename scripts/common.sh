@@ -1,8 +1,27 @@
-# shellcheck shell=sh disable=SC2034,SC3028 # used by the scripts that source it; bash names it so
-# Sourced by the scripts: goes to the project's folder, and installs packages.
+# shellcheck shell=bash disable=SC2034 # used by the scripts that source it
+# Sourced by the scripts: answers --help, goes to the project's folder, and installs packages.
 PATH=/usr/bin:/usr/sbin:/bin:/sbin:$PATH # Debian's own programs, before others of their names
 script=$(realpath "$0")
-cd "$(dirname "${BASH_SOURCE:-$0}")/.." || exit 1
+
+# Prints the comment that a script begins with.
+usage() {
+    sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$script"
+}
+
+# Ends a script that was given words which it does not know.
+refuse() {
+    echo "${script##*/}: $*" >&2
+    usage >&2
+    exit 2
+}
+
+# The same for a script that knows none.
+takes_no_words() {
+    [ $# -eq 0 ] || refuse "unknown word: $1"
+}
+
+case ${1-} in -h | --help) usage && exit ;; esac
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 case $PWD in *[:\;]*)
     echo "the loader takes no folder with a ':' or ';' in its name, please move this one: $PWD" >&2
     exit 2 ;;
@@ -11,14 +30,8 @@ esac
 # What is made once and used by all checkouts.
 cache=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel
 
-build_packages='g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev'
-docs_packages='doxygen graphviz'
-
-# Prints the comment that a script begins with, and ends it.
-usage() {
-    sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$script" >&2
-    exit 2
-}
+build_packages=(g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev)
+docs_packages=(doxygen graphviz)
 
 run_as_root() {
     if [ "$(id -u)" -eq 0 ]; then
@@ -33,16 +46,16 @@ run_as_root() {
 
 # Installs those of the named Debian packages that are missing.
 install_packages() {
-    missing=
+    local missing=()
     for package; do
         status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null) || true
-        [ "$status" = installed ] || missing="$missing $package"
+        [ "$status" = installed ] || missing+=("$package")
     done
-    [ -n "$missing" ] || return 0
-    echo "Installing:$missing"
+    [ ${#missing[@]} -gt 0 ] || return 0
+    echo "Installing: ${missing[*]}"
     run_as_root apt-get -qq update &&
         run_as_root env DEBIAN_FRONTEND=noninteractive \
-            apt-get -qq -y --no-install-recommends install $missing </dev/null >/dev/null
+            apt-get -qq -y --no-install-recommends install "${missing[@]}" </dev/null >/dev/null
 }
 
 # The address that this machine gets Debian's packages from.
@@ -55,6 +68,15 @@ debian_mirror() {
     done
     echo "apt knows no source of Debian's packages" >&2
     return 1
+}
+
+# Tries a command until it succeeds, for 40 s and more.
+eventually() {
+    for _ in {1..400}; do
+        ! "$@" || return 0
+        sleep 0.1
+    done
+    "$@"
 }
 
 # A mirror may stand still for longer than sid's lists are valid; this is for throw-away roots alone.

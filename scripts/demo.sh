@@ -1,4 +1,4 @@
-#!/bin/sh
+#!/bin/bash
 # Shows frames travelling between two adapters through the library.
 #
 # demo.sh             can0 and can1 of a simulated bus; needs no adapter
@@ -9,12 +9,12 @@ set -eu
 
 mode=${1-}
 case $mode in
-    '' | --vm) [ $# -le 1 ] || usage ;;
-    --real) [ $# -eq 3 ] || usage ;;
-    *) usage ;;
+    '' | --vm) [ $# -le 1 ] || refuse "unknown word: $2" ;;
+    --real) [ $# -eq 3 ] || refuse "--real needs the numbers of two interfaces" ;;
+    *) refuse "unknown word: $mode" ;;
 esac
 
-install_packages $build_packages
+install_packages "${build_packages[@]}"
 cmake -S . -B build/release -G Ninja >/dev/null
 cmake --build build/release
 echo

@@ -1,7 +1,8 @@
-#!/bin/sh
+#!/bin/bash
 # Builds the Debian packages, and their source package, in build/package.
 set -eu
 . "$(dirname "$0")/common.sh"
+takes_no_words "$@"
 dpkg-checkbuilddeps 2>/dev/null || {
     run_as_root apt-get -qq update
     run_as_root env DEBIAN_FRONTEND=noninteractive \

@@ -9,7 +9,10 @@
 # RELEASE-packages beside it. Namespaces hold all mounts and processes, so that none is left behind.
 set -u
 . "$(dirname "$0")/common.sh"
-[ "$(id -u)" -eq 0 ] || { echo "releases.sh needs root" >&2; exit 2; }
+for release; do
+    case $release in -*) refuse "unknown word: $release" ;; esac
+done
+[ "$(id -u)" -eq 0 ] || refuse "needs root"
 if [ "${RELEASES_INSIDE-}" != 1 ]; then
     RELEASES_INSIDE=1 unshare --mount --pid --fork --kill-child scripts/releases.sh "$@" &
     inside=$!

@@ -16,13 +16,14 @@ while [ $# -gt 0 ]; do
     case $1 in
         --no-vm) vm=0 ;;
         --arm) arm=1 ;;
-        --kernel) [ $# -ge 2 ] || usage; kernel=("$1" "$2"); shift ;;
-        *) usage ;;
+        --kernel) [ $# -ge 2 ] || refuse "--kernel needs a kernel"; kernel=("$1" "$2"); shift ;;
+        -h | --help) usage && exit ;;
+        *) refuse "unknown word: $1" ;;
     esac
     shift
 done
 
-install_packages $build_packages $docs_packages clang libgtest-dev valgrind python3-can &&
+install_packages "${build_packages[@]}" "${docs_packages[@]}" clang libgtest-dev valgrind python3-can &&
     install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" || exit 1
 mkdir -p build
 log=build/test.log
@@ -46,20 +47,21 @@ stage() {
 # Versions of clang-format differ in what they do, so it is always the same.
 check_format() {
     install_packages git clang-format-19 || { echo "no clang-format 19 here: nothing was checked"; return 77; }
-    files=$(git ls-files '*.c' '*.cpp' '*.h' '*.hpp') && [ -n "$files" ] ||
-        { echo "git lists no files here: nothing was checked"; return 77; }
-    clang-format-19 --dry-run -Werror $files
+    mapfile -t files < <(git ls-files '*.c' '*.cpp' '*.h' '*.hpp')
+    [ ${#files[@]} -gt 0 ] || { echo "git lists no files here: nothing was checked"; return 77; }
+    clang-format-19 --dry-run -Werror "${files[@]}"
 }
 
 # The same holds for what clang-tidy finds.
 lint() {
-    install_packages git shellcheck || return 1
-    files=$(git grep -lE '^#!/bin/(bash|sh|busybox sh)$') ||
-        { echo "git lists no files here: nothing was checked"; return 77; }
-    shellcheck scripts/common.sh vm/init.sh $files || return 1
+    install_packages git shellcheck flake8 mypy python3-can || return 1
+    mapfile -t files < <(git grep -lE '^#!/bin/(bash|sh|busybox sh)$')
+    [ ${#files[@]} -gt 0 ] || { echo "git lists no files here: nothing was checked"; return 77; }
+    shellcheck scripts/common.sh "${files[@]}" || return 1
     install_packages clang-tidy-19 || { echo "no clang-tidy 19 here: C and C++ were not checked"; return 77; }
-    cmake -S . -B build/lint -G Ninja >/dev/null &&
-        clang-tidy-19 -p build/lint --quiet $(sed -n 's/^ *"file": "\(.*\)".*/\1/p' build/lint/compile_commands.json)
+    cmake -S . -B build/lint -G Ninja >/dev/null || return 1
+    mapfile -t files < <(sed -n 's/^ *"file": "\(.*\)".*/\1/p' build/lint/compile_commands.json)
+    clang-tidy-19 -p build/lint --quiet "${files[@]}"
 }
 
 # Builds a preset and runs its tests. The sanitizers want address space laid out as usual.
@@ -71,11 +73,11 @@ build_and_test() {
 # The unit tests have an operator new of their own, which valgrind is not to replace.
 memcheck() {
     ulimit -Sn 1100 # valgrind keeps the descriptors from here on; the tests use as many
-    for test in unit_tests 'bus_test --gtest_filter=BusTest.*-*WithoutPause*'; do
-        build/dev/simcan/simcan --own valgrind -q --leak-check=full --error-exitcode=9 \
-            --soname-synonyms=somalloc=nouserintercepts build/dev/$test \
-            2> >(grep -v ' corvel: ' >&2) || return 1
-    done
+    check=(build/dev/simcan/simcan --own valgrind -q --leak-check=full --error-exitcode=9
+        --soname-synonyms=somalloc=nouserintercepts)
+    export PELID_LOG_FILE=/dev/null
+    "${check[@]}" build/dev/unit_tests &&
+        "${check[@]}" build/dev/bus_test --gtest_filter='BusTest.*-*WithoutPause*'
 }
 
 stage format check_format

@@ -5,7 +5,8 @@
 set -eEu
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
 . "$(dirname "$0")/../scripts/common.sh"
-install_packages $build_packages make lintian autopkgtest
+takes_no_words "$@"
+install_packages "${build_packages[@]}" make lintian autopkgtest
 root=$PWD
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -17,7 +18,7 @@ build() { # FOLDER CMAKE-WORDS...
 
 quietly scripts/package.sh
 lintian --allow-root --fail-on error,warning build/package/*.changes
-packages=$(sed -n 's/^Binary: //p' build/package/*.changes)
+read -ra packages < <(sed -n 's/^Binary: //p' build/package/*.changes)
 cd "$work"
 mkdir again
 quietly dpkg-source -x "$root"/build/package/*.dsc again/elsewhere
@@ -56,10 +57,10 @@ for file in installed inside/*.so; do test ! -e "$file"; done
 ! cmake -S "$root" -B refused -DBUILD_SHARED_LIBS=OFF >/dev/null 2>log || exit 1
 grep -q 'tn_corvel is a shared library' log
 
-if dpkg-query -W $packages 2>/dev/null | grep . || ! run_as_root true; then
+if dpkg-query -W "${packages[@]}" 2>/dev/null | grep . || ! run_as_root true; then
     echo "packages: no right to install them, or one is installed here, which the test would remove"
     exit 77
 fi
-trap 'run_as_root dpkg --purge $packages >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
+trap 'run_as_root dpkg --purge "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
 quietly run_as_root autopkgtest "$root"/build/package/*.changes -- null
 echo "packages installed, used and removed"

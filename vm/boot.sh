@@ -9,11 +9,16 @@
 # and can5 are SJA1000, joined too. Where the kernel has no driver for the former, the latter are can0
 # and can1.
 set -eu -o pipefail
-here=$(cd "$(dirname "$0")" && pwd)
-kernel=
-[ $# -gt 1 ] || { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0" >&2; exit 2; }
-[ "$1" != --kernel ] || { kernel=$2 && shift 2; }
-vm=$("$here/prepare.sh" $kernel)
+. "$(dirname "$0")/../scripts/common.sh"
+kernel=()
+if [ "${1-}" = --kernel ]; then
+    [ $# -ge 2 ] || refuse "--kernel needs a kernel"
+    kernel=("$2")
+    shift 2
+fi
+[[ ${1-} =~ ^[0-9]+$ ]] || refuse "no number of seconds: ${1-}"
+[ $# -ge 2 ] || refuse "no command"
+vm=$(vm/prepare.sh "${kernel[@]}")
 seconds=$1
 shift
 
@@ -21,25 +26,25 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 130' INT
 console=$work/console
-cp "$here/init.sh" "$work/init"
-cp "$here/run.sh" "$work/run"
+install vm/init.sh "$work/init"
+cp vm/run.sh "$work/run"
 printf 'exec %s\n' "$(printf '%q ' "$@")" >"$work/command"
 verdict="exit status ($RANDOM$RANDOM):" # which nothing else prints
 echo "$verdict" >"$work/verdict"
 (cat "$vm/initrd"; cd "$work" && printf '%s\n' init run command verdict | cpio -o -H newc --quiet | gzip) \
     >"$work/initrd"
 if [ "${VM_COUNTED-}" = 1 ]; then
-    machine='-accel tcg,thread=single -smp 1 -icount shift=0,sleep=off
-        -cpu qemu64,invtsc=on,xlevel=0x80000008'
+    machine=(-accel 'tcg,thread=single' -smp 1 -icount 'shift=0,sleep=off'
+        -cpu 'qemu64,invtsc=on,xlevel=0x80000008')
     clock='tsc=reliable clocksource=tsc'
 else
-    machine='-accel tcg -smp 2' clock=
+    machine=(-accel tcg -smp 2) clock=
 fi
 # The controllers of one card share its interrupt line, which QEMU clears for one although the other
 # still asks for service; so each bus joins different cards.
 card=ctucan_pci,canbus0=bus0,canbus1=bus1
 for _ in first again; do
-    timeout --foreground "$seconds" qemu-system-x86_64 -M q35 $machine -m 1024 -nographic \
+    timeout --foreground "$seconds" qemu-system-x86_64 -M q35 "${machine[@]}" -m 1024 -nographic \
         -no-reboot -nic none -kernel "$vm/vmlinuz" -initrd "$work/initrd" \
         -append "console=ttyS0 quiet panic=-1 rdinit=/init $clock" \
         -virtfs local,path=/,mount_tag=host,security_model=none,readonly=on,multidevs=remap \

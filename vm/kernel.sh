@@ -3,11 +3,18 @@
 # that release's kernel (vmlinuz), and an initial file system but for its init, with the modules for
 # CAN and one more that Debian's kernels lack: the driver for the emulated CAN FD controllers.
 set -eu
+usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+case ${1-} in
+    -h | --help) usage && exit ;;
+    /*) ;;
+    *) echo "kernel.sh: no root of a release: ${1-}" >&2 && usage >&2 && exit 2 ;;
+esac
 if [ "$1" != / ]; then
     mkdir "$1/vm"
     cp "$0" "$1/vm/kernel.sh"
     cd "$1/vm"
     export APT_CONFIG="$MMDEBSTRAP_APT_CONFIG"
+    # shellcheck disable=SC2046 # several packages
     apt-get -qq -o APT::Sandbox::User=root download $(apt-cache depends --recurse --important \
         linux-image-amd64 | grep -E '^linux-(image|binary|modules)-[0-9]')
     exec chroot "$1" sh /vm/kernel.sh /

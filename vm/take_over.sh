@@ -1,6 +1,11 @@
 #!/bin/bash
 # Gives interfaces the names can0, can1 and so on, and those that have them others: take_over.sh NAME...
 set -eu
+. "$(dirname "$0")/../scripts/common.sh"
+[ $# -gt 0 ] || refuse "no interfaces named"
+for name; do
+    [ -e "/sys/class/net/$name" ] || refuse "no such interface: $name"
+done
 number=0
 for name; do ip link set "$name" name new$((number++)); done
 for ((number = 0; number < $#; number++)); do

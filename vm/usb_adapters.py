@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Emulates USB-to-CAN adapters, one for each serial number given, which the kernel's driver gs_usb
-serves: usb_adapters.py SERIAL... Those whose serial numbers begin with the same letter are on one bus.
-Writing a serial number to standard input pulls the adapter out, or plugs it in again.
+serves. Those whose serial numbers begin with the same letter are on one bus. Writing a serial
+number to standard input pulls the adapter out, or plugs it in again.
 
-An adapter without a partner on its bus is not acknowledged: its frames wait. Bit rates are not compared.
+An adapter without a partner on its bus is not acknowledged: its frames wait. Bit rates are not
+compared.
 """
 
+import argparse
 import os
 import select
 import socket
@@ -143,7 +145,9 @@ def exchange(bus):
 
 
 def main():
-    serials = sys.argv[1:]
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("serial", nargs="*")
+    serials = parser.parse_args().serial
     buses = {serial[0]: [] for serial in serials}
     plugged = {}  # by the socket of its USB
 
