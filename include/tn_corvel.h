@@ -41,6 +41,9 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+/** The version of the library that this header belongs to. */
+#define TN_CORVEL_VERSION "1.0.0"
+
 /** Marks what the shared library exports. */
 #define CORVEL_API __attribute__((visibility("default")))
 

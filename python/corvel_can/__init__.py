@@ -23,8 +23,13 @@ from typing import Any
 import can
 
 __all__ = ["CorvelBus"]
+__version__ = "1.0.0"
 
-_library = ctypes.CDLL("libtn_corvel.so")  # its calls release the interpreter's lock
+try:
+    _library = ctypes.CDLL("libtn_corvel.so")  # its calls release the interpreter's lock
+except OSError as error:
+    raise ImportError("libtn_corvel.so was not found: install libtn-corvel, "
+                      "or set LD_LIBRARY_PATH") from error
 _library.corvel_initDLL.argtypes = [ctypes.c_int32, ctypes.c_uint32, ctypes.c_bool, ctypes.c_uint32]
 _library.corvel_freeDLL.argtypes = [ctypes.c_int32]
 _library.corvel_writeMessage.argtypes = [ctypes.c_int32, ctypes.c_char_p]
