@@ -50,12 +50,9 @@ build inside -G 'Unix Makefiles' -S "$root/examples" -DROOT="$root" -DBUILD_SHAR
     -DCMAKE_CXX_STANDARD=20 -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
 $simcan inside/exchange 2>/dev/null | grep -q -x 'all as expected'
 grep -q 'std=c++20.*tn_corvel' inside/compile_commands.json
-! grep stack-protector inside/compile_commands.json || exit 1
 grep -q -x 'CMAKE_BUILD_TYPE:STRING=' inside/CMakeCache.txt
 quietly cmake --install inside --prefix "$work/installed"
 for file in installed inside/*.so; do test ! -e "$file"; done
-! cmake -S "$root" -B refused -DBUILD_SHARED_LIBS=OFF >/dev/null 2>log || exit 1
-grep -q 'tn_corvel is a shared library' log
 
 if dpkg-query -W "${packages[@]}" 2>/dev/null | grep . || ! run_as_root true; then
     echo "packages: no right to install them, or one is installed here, which the test would remove"
