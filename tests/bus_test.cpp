@@ -17,6 +17,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <utility>
 
 #include "tn_corvel.h"
 
@@ -99,18 +100,21 @@ public:
     void returnsAfter(const char* cause, const std::function<int()>& action) {
         const auto start = Clock::now();
         EXPECT_EQ(action(), 0) << cause;
-        EXPECT_EQ(m_status.wait_for(std::chrono::seconds(10)), std::future_status::ready) << cause;
-        const std::chrono::duration<double, std::milli> time = Clock::now() - start;
+        ASSERT_EQ(m_end.wait_for(std::chrono::seconds(10)), std::future_status::ready) << cause;
+        const auto [status, when] = m_end.get();
+        const std::chrono::duration<double, std::milli> time = when - start;
         printf("a read that waited returned within %.0f ms: %s\n", time.count(), cause);
-        EXPECT_EQ(m_status.get(), CORVEL_NO_FRAME);
+        EXPECT_EQ(status, CORVEL_NO_FRAME);
     }
 
 private:
     std::atomic<pid_t> m_thread{0};
-    std::future<int32_t> m_status = std::async(std::launch::async, [this] {
-        m_thread = gettid();
-        return read(0, 20000);
-    });
+    std::future<std::pair<int32_t, Clock::time_point>> m_end =
+        std::async(std::launch::async, [this] {
+            m_thread = gettid();
+            const int32_t status = read(0, 20000);
+            return std::pair{status, Clock::now()};
+        });
 };
 
 class BusTest : public testing::Test {
