@@ -31,7 +31,7 @@ esac
 cache=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel
 
 build_packages=(g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev)
-docs_packages=(doxygen graphviz)
+docs_packages=(doxygen)
 
 run_as_root() {
     if [ "$(id -u)" -eq 0 ]; then
