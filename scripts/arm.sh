@@ -45,7 +45,7 @@ cp "$work"/out/*.deb "$build"
 contents() { # ARCHITECTURE FOLDER
     multiarch=$(dpkg-architecture -A "$1" -q DEB_TARGET_MULTIARCH)
     {
-        for name in libtn-corvel libtn-corvel-dev simcan; do
+        for name in libtn-corvel libpelid-log-standin libtn-corvel-dev simcan; do
             dpkg-deb --field "$2/${name}"_*_"$1.deb" Package Multi-Arch Depends | sed 's/ ([^)]*)//g'
             dpkg-deb --fsys-tarfile "$2/${name}"_*_"$1.deb" | tar -t
         done
