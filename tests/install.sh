@@ -1,12 +1,13 @@
 #!/bin/bash
-# Builds the packages, twice the same, and uses them: in a folder that is moved about; as a part of a
-# project that has targets of its own; and installed on this machine, where they are removed again.
-# Only this needs rights, and is left out where one is installed already.
+# Uses the project as others do: as a tree that is moved about, from Python's environments, as a part of
+# a project that has targets of its own, and as packages, built twice the same, which are installed on
+# this machine and removed again. Only this needs rights, and is left out where one is installed already.
 set -eEu
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
 . "$(dirname "$0")/../scripts/common.sh"
 takes_no_words "$@"
-install_packages "${build_packages[@]}" make lintian autopkgtest
+install_packages "${build_packages[@]}" make lintian autopkgtest \
+    python3-venv python3-setuptools python3-wheel python3-can
 root=$PWD
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -23,20 +24,28 @@ cd "$work"
 mkdir again
 quietly dpkg-source -x "$root"/build/package/*.dsc again/elsewhere
 (cd again/elsewhere && DEB_BUILD_OPTIONS=nocheck quietly dpkg-buildpackage -b -us -uc)
-for package in "$root"/build/package/*.deb; do
-    cmp "$package" "again/${package##*/}"
-    dpkg-deb -x "$package" unpacked
-done
-mv unpacked moved
-simcan=moved/usr/bin/simcan
-nm -D moved/usr/lib/*/libtn_corvel.so | grep -q __stack_chk_fail
+for package in "$root"/build/package/*.deb; do cmp "$package" "again/${package##*/}"; done
+dpkg-deb -x again/libtn-corvel_*.deb unpacked
+nm -D unpacked/usr/lib/*/libtn_corvel.so | grep -q __stack_chk_fail
 
-build examples -G Ninja -S moved/usr/share/doc/libtn-corvel-dev/examples -DCMAKE_PREFIX_PATH="$work/moved/usr"
+build release -S "$root" -G Ninja
+quietly cmake --install release --prefix "$work/installed"
+mv installed moved
+folder=$work/moved
+simcan=$folder/bin/simcan
+examples=$folder/share/doc/libtn-corvel-dev/examples
+build examples -G Ninja -S "$examples" -DCMAKE_PREFIX_PATH="$folder"
 $simcan examples/exchange 2>/dev/null | grep -q -x 'all as expected'
-libraries=$(echo moved/usr/lib/*-linux-gnu*)
-read -ra flags < <(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags --libs tn_corvel)
-c++ moved/usr/share/doc/libtn-corvel-dev/examples/ping.cpp -o ping "${flags[@]}"
-LD_LIBRARY_PATH=$libraries $simcan ./ping 2>/dev/null | grep -q '^identifier 123, 3 bytes'
+read -ra flags < <(PKG_CONFIG_PATH=$folder/lib/pkgconfig pkg-config --cflags --libs tn_corvel)
+c++ "$examples/ping.cpp" -o ping "${flags[@]}" -Wl,-rpath,"$folder/lib"
+$simcan ./ping | grep -q '^identifier 123, 3 bytes'
+
+/usr/bin/python3 -m venv --system-site-packages environment
+quietly environment/bin/pip install --no-index --no-build-isolation again/elsewhere/python
+program='import can; can.Bus(interface="corvel", channel=0).shutdown()'
+! environment/bin/python -c "$program" 2>log || exit 1
+grep -q 'libtn_corvel.so was not found: install libtn-corvel' log
+LD_LIBRARY_PATH=$folder/lib $simcan environment/bin/python -c "$program"
 
 cat >parent.cmake <<'CMAKE'
 foreach(name docs simcan unit_tests)
