@@ -58,6 +58,9 @@ lint() {
     mapfile -t files < <(git grep -lE '^#!/bin/(bash|sh|busybox sh)$')
     [ ${#files[@]} -gt 0 ] || { echo "git lists no files here: nothing was checked"; return 77; }
     shellcheck scripts/common.sh "${files[@]}" || return 1
+    mapfile -t files < <(git ls-files '*.py')
+    flake8 --max-line-length=100 "${files[@]}" || return 1
+    mypy --strict --implicit-reexport --cache-dir=build/mypy python/corvel_can || return 1
     install_packages clang-tidy-19 || { echo "no clang-tidy 19 here: C and C++ were not checked"; return 77; }
     cmake -S . -B build/lint -G Ninja >/dev/null || return 1
     mapfile -t files < <(sed -n 's/^ *"file": "\(.*\)".*/\1/p' build/lint/compile_commands.json)

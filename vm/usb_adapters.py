@@ -80,7 +80,8 @@ class Adapter:
 
     def answer(self, number, length, data=b"", status=0):
         length = len(data) or length
-        self.socket.sendall(struct.pack(">5Iii20x", SUBMITTED, number, 0, 0, 0, status, length) + data)
+        header = struct.pack(">5Iii20x", SUBMITTED, number, 0, 0, 0, status, length)
+        self.socket.sendall(header + data)
 
     def control(self, kind, request, value, _index, _length, data):
         """The answer to a request to the device or its controller; none when it is not known."""
@@ -103,7 +104,8 @@ class Adapter:
 
     def describe(self, kind, index):
         if kind == 1:
-            return descriptor(1, 0x200, 0xFF, 0, 0, 64, 0x1D50, 0x606F, 0, 1, 2, 3, 1, form="H4B3H4B")
+            fields = 0x200, 0xFF, 0, 0, 64, 0x1D50, 0x606F, 0, 1, 2, 3, 1
+            return descriptor(1, *fields, form="H4B3H4B")
         if kind == 2:
             parts = descriptor(4, 0, 0, 2, 0xFF, 0xFF, 0xFF, 0, form="7B")
             parts += descriptor(5, 0x80 | RECEIVE, 2, 64, 0, form="BBHB")
