@@ -19,7 +19,7 @@ void writeTo(int fd, const std::string& line) {
     [[maybe_unused]] const ssize_t ignored = ::write(fd, line.data(), line.size());
 }
 
-int lowestLevel() {
+int lowestLevel() noexcept {
     const char* const text = ::secure_getenv("PELID_LOG_LEVEL");
     if (text == nullptr || *text == '\0') return 3;
     if (*text >= '0' && *text <= '4' && text[1] == '\0')
@@ -29,7 +29,7 @@ int lowestLevel() {
     return 3;
 }
 
-const char* filePath() {
+const char* filePath() noexcept {
     const char* const text = ::secure_getenv("PELID_LOG_FILE");
     return text == nullptr || *text == '\0' ? nullptr : ::strdup(text);
 }
