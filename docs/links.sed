@@ -3,6 +3,7 @@
 s#\[([^]]*)\]\(([^):]*/)?(threads|operation|interface|permissions|python|costs|install)[.]md\)#\\ref \3 "\1"#g
 s#\[([^]]*)\]\(([^):]*/)?simulated-bus[.]md\)#\\ref simcan "\1"#g
 s#\[([^]]*)\]\(([^):]*/)?back-ends[.]md\)#\\ref backends "\1"#g
-s#\[([^]]*)\]\(([^):]*/)?CONTRIBUTING[.]md\)#\\ref contributing "\1"#g
 s#\[([^]]*)\]\(([^):]*/)?include/tn_corvel[.]h\)#\\ref tn_corvel.h "\1"#g
-s#\[([^]]*)\]\((examples/?|system/[^)]*)\)#\1#g
+s#\[([^]]*)\]\([^):]*\)#\1#g
+# What only a reader of the tree needs.
+/^<!-- tree -->$/,/^<!-- end -->$/d
