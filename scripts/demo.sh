@@ -23,6 +23,7 @@ if [ "$mode" = --real ]; then
     exec build/release/exchange "$2" "$3"
 fi
 if [ "$mode" = --vm ]; then
+    echo "Installing QEMU where it is missing, then booting a virtual machine: half a minute each"
     exec vm/boot.sh 120 "$PWD/build/release/exchange"
 fi
 exec build/release/simcan/simcan --own build/release/exchange

@@ -18,7 +18,8 @@ esac
 install_packages mmdebstrap qemu-system-x86 sudo iproute2 can-utils kmod cpio python3 python3-can >&2
 vm=$cache/vm-$release
 if [ -z "$(find "$vm/kernel.sh" -mtime -30 2>/dev/null)" ] || ! cmp -s vm/kernel.sh "$vm/kernel.sh"; then
-    echo "Preparing the virtual machine in $vm" >&2
+    echo "Making the virtual machine in $vm, once a month: fetches Debian's $release kernel and" \
+        "builds a driver for it, which takes a minute or more" >&2
     mirror=$(debian_mirror)
     work=$(mktemp -d)
     trap 'rm -rf "$work"' EXIT
