@@ -28,8 +28,9 @@ __version__ = "1.0.0"
 try:
     _library = ctypes.CDLL("libtn_corvel.so")  # its calls release the interpreter's lock
 except OSError as error:
-    raise ImportError("libtn_corvel.so was not found: install libtn-corvel, "
-                      "or set LD_LIBRARY_PATH") from error
+    raise ImportError(
+        "libtn_corvel.so was not found: install libtn-corvel, " "or set LD_LIBRARY_PATH"
+    ) from error
 _library.corvel_initDLL.argtypes = [ctypes.c_int32, ctypes.c_uint32, ctypes.c_bool, ctypes.c_uint32]
 _library.corvel_freeDLL.argtypes = [ctypes.c_int32]
 _library.corvel_writeMessage.argtypes = [ctypes.c_int32, ctypes.c_char_p]
@@ -48,8 +49,8 @@ _owners: dict[int, object] = {}  # by device index, from before its opening unti
 
 @contextlib.contextmanager
 def _commands() -> Iterator[None]:
-    """While the library runs commands. A Ctrl-C reaches them too, and must not end them: they inherit
-    that it is ignored. Python changes that in its main thread only."""
+    """While the library runs commands. A Ctrl-C reaches them too, and must not end them: they
+    inherit that it is ignored. Python changes that in its main thread only."""
     main = threading.current_thread() is threading.main_thread()
     handler = signal.getsignal(signal.SIGINT) if main else None
     try:
@@ -84,13 +85,21 @@ class CorvelBus(can.BusABC):
     `with` block, of the object or of the program takes it down. (A signal that ends the process at
     once, as SIGTERM without a handler, leaves it up.)
 
-    Any thread may call `send`, `recv` and `shutdown`. A `recv` that waits holds up only other `recv`s, a
-    `send` only other `send`s. Both end with `CanOperationError` when the bus is shut down, or
-    when the adapter is pulled out or its link taken down. After `fork`, one process uses the bus.
+    Any thread may call `send`, `recv` and `shutdown`. A `recv` that waits holds up only other
+    `recv`s, a `send` only other `send`s. Both end with `CanOperationError` when the bus is shut
+    down, or when the adapter is pulled out or its link taken down. After `fork`, one process
+    uses the bus.
     """
 
-    def __init__(self, channel: int | str, can_filters: Any = None, bitrate: int = 500_000,
-                 fd: bool = False, data_bitrate: int | None = None, **kwargs: Any) -> None:
+    def __init__(
+        self,
+        channel: int | str,
+        can_filters: Any = None,
+        bitrate: int = 500_000,
+        fd: bool = False,
+        data_bitrate: int | None = None,
+        **kwargs: Any,
+    ) -> None:
         """Configures and opens an adapter.
 
         :param channel: number N of its interface canN: 0, "0" or "can0"
@@ -102,18 +111,24 @@ class CorvelBus(can.BusABC):
             it is None or False: `receive_own_messages`, `timing`, ...
         :raises ValueError: if a parameter is out of range
         :raises can.CanInterfaceNotImplementedError: if an option cannot be had
-        :raises can.CanInitializationError: if there is no such interface, it is open in this process
-            or could not be configured
+        :raises can.CanInitializationError: if there is no such interface, it is open in this
+            process or could not be configured
         """
         number = re.fullmatch("(?:can)?(0|[1-9][0-9]{0,8})", str(channel))
         if number is None:
             raise ValueError(f'channel={channel!r}: must be the N of an interface canN, or "canN"')
         for option, value in kwargs.items():
             if option != "single_handle" and value not in (None, False):
-                raise can.CanInterfaceNotImplementedError(f"{option}={value!r} cannot be had from the adapter")
+                raise can.CanInterfaceNotImplementedError(
+                    f"{option}={value!r} cannot be had from the adapter"
+                )
         if data_bitrate is not None and not fd:
             raise ValueError(f"data_bitrate={data_bitrate}: needs fd=True")
-        rates = (_kbits("bitrate", bitrate), fd, _kbits("data_bitrate", 2_000_000 if data_bitrate is None else data_bitrate))
+        rates = (
+            _kbits("bitrate", bitrate),
+            fd,
+            _kbits("data_bitrate", 2_000_000 if data_bitrate is None else data_bitrate),
+        )
         self._index = int(number[1])
         self._fd = fd
         self.channel = f"can{self._index}"
@@ -121,22 +136,26 @@ class CorvelBus(can.BusABC):
         if hasattr(can, "CanProtocol"):  # since python-can 4.3
             self._can_protocol = can.CanProtocol.CAN_FD if fd else can.CanProtocol.CAN_20
 
-        # The link is taken down in the end, whatever a signal's handler raises while it is brought up.
+        # The link is taken down in the end, whatever a signal's handler raises meanwhile.
         owner = object()
         self._open = weakref.finalize(self, _release, self._index, owner, os.getpid())
         if _owners.setdefault(self._index, owner) is not owner:
             self._open.detach()
             raise can.CanInitializationError(
-                f"{self.channel} is open in this process already: shut that bus down first")
+                f"{self.channel} is open in this process already: shut that bus down first"
+            )
         with _commands():
             status = _library.corvel_initDLL(self._index, *rates)
         if status != 0:
             self._open.detach()
             del _owners[self._index]
             raise can.CanInitializationError(
-                f"no interface {self.channel}: `ip link` lists them" if status == 1 else
-                f"{self.channel} could not be configured: see sudo's or ip's message (permissions, "
-                f"rates). If it says busy: sudo ip link set {self.channel} down", status)
+                f"no interface {self.channel}: `ip link` lists them"
+                if status == 1
+                else f"{self.channel} could not be configured: see sudo's or ip's message ("
+                f"permissions, rates). If it says busy: sudo ip link set {self.channel} down",
+                status,
+            )
         self._opened = self._link()
         super().__init__(channel=channel, can_filters=can_filters)
 
@@ -158,7 +177,8 @@ class CorvelBus(can.BusABC):
             self._check(status)
             if time.monotonic() >= limit:
                 raise can.CanTimeoutError(
-                    f"{self.channel}: the transmit queue is full: try again later", status)
+                    f"{self.channel}: the transmit queue is full: try again later", status
+                )
             time.sleep(_PAUSE)
 
     def _pack(self, msg: can.Message) -> bytes:
@@ -166,8 +186,10 @@ class CorvelBus(can.BusABC):
         if msg.is_error_frame:
             raise ValueError("the adapter cannot send error frames")
         if not 0 <= msg.arbitration_id <= (_IDENTIFIER if msg.is_extended_id else 0x7FF):
-            raise ValueError(f"identifier {msg.arbitration_id:#x} has more than "
-                             f"{29 if msg.is_extended_id else 11} bits")
+            raise ValueError(
+                f"identifier {msg.arbitration_id:#x} has more than "
+                f"{29 if msg.is_extended_id else 11} bits"
+            )
         if msg.is_remote_frame and self._fd:
             raise ValueError("CAN FD has no remote frames")
         if msg.is_fd and not self._fd:
@@ -176,33 +198,53 @@ class CorvelBus(can.BusABC):
             raise ValueError(f"{msg.dlc} bytes: the adapter sends at most 8, in CAN FD too")
         if len(msg.data) != (0 if msg.is_remote_frame else msg.dlc):
             raise ValueError(f"{len(msg.data)} bytes of data do not fit dlc={msg.dlc}")
-        return _record.pack(msg.arbitration_id, bytes(msg.data), msg.dlc, msg.is_remote_frame,
-                            msg.is_extended_id)
+        return _record.pack(
+            msg.arbitration_id, bytes(msg.data), msg.dlc, msg.is_remote_frame, msg.is_extended_id
+        )
 
     def _recv_internal(self, timeout: float | None) -> tuple[can.Message | None, bool]:
         """One read of at most a slice; `recv` goes on while there is time."""
         wait = _SLICE if timeout is None else max(0, min(timeout, _SLICE))
         record = _Record()
-        status = _library.corvel_readMessage(
-            self._index, record, math.ceil(wait * 1000)) if self._open.alive else 1
+        status = (
+            _library.corvel_readMessage(self._index, record, math.ceil(wait * 1000))
+            if self._open.alive
+            else 1
+        )
         if status != 0:
             self._check(status)
             return None, False
         identifier, data, length, remote, extended = _record.unpack(record)
         fd = self._fd and not remote
-        return can.Message(
-            timestamp=time.time(), arbitration_id=identifier & _IDENTIFIER, is_extended_id=extended,
-            is_remote_frame=remote, is_error_frame=bool(identifier & _ERROR), channel=self.channel,
-            dlc=length, data=data[:length], is_fd=fd, bitrate_switch=fd), False
+        return (
+            can.Message(
+                timestamp=time.time(),
+                arbitration_id=identifier & _IDENTIFIER,
+                is_extended_id=extended,
+                is_remote_frame=remote,
+                is_error_frame=bool(identifier & _ERROR),
+                channel=self.channel,
+                dlc=length,
+                data=data[:length],
+                is_fd=fd,
+                bitrate_switch=fd,
+            ),
+            False,
+        )
 
     def _link(self) -> tuple[int, int] | None:
-        """The interface's number in the kernel, and whether it is up; None when there is no interface,
-        as on the simulated bus."""
+        """The interface's number in the kernel, and whether it is up; None when there is no
+        interface, as on the simulated bus."""
         try:
-            request = struct.pack("40s", self.channel.encode())  # struct ifreq: name, and flags behind it
+            request = struct.pack(
+                "40s", self.channel.encode()
+            )  # struct ifreq: name, and flags behind it
             with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as any_socket:
                 request = fcntl.ioctl(any_socket, _SIOCGIFFLAGS, request)
-            return socket.if_nametoindex(self.channel), struct.unpack_from("H", request, 16)[0] & _IFF_UP
+            return (
+                socket.if_nametoindex(self.channel),
+                struct.unpack_from("H", request, 16)[0] & _IFF_UP,
+            )
         except OSError:
             return None
 
@@ -211,8 +253,11 @@ class CorvelBus(can.BusABC):
         if status == 1 or not self._open.alive:
             raise can.CanOperationError(f"{self.channel} is shut down", status)
         if self._link() != self._opened:
-            raise can.CanOperationError(f"{self.channel} was pulled out, or its link taken down: shut the "
-                                        "bus down, and open it again when it is back", status)
+            raise can.CanOperationError(
+                f"{self.channel} was pulled out, or its link taken down: shut the "
+                "bus down, and open it again when it is back",
+                status,
+            )
 
     def shutdown(self) -> None:
         """Takes the link down. Does nothing the second time."""
@@ -222,5 +267,8 @@ class CorvelBus(can.BusABC):
     @staticmethod
     def _detect_available_configs() -> list[Any]:
         """The machine's interfaces canN (the simulated bus has none there)."""
-        return [{"interface": "corvel", "channel": int(name[3:])}
-                for _, name in socket.if_nameindex() if re.fullmatch("can(0|[1-9][0-9]*)", name)]
+        return [
+            {"interface": "corvel", "channel": int(name[3:])}
+            for _, name in socket.if_nameindex()
+            if re.fullmatch("can(0|[1-9][0-9]*)", name)
+        ]
