@@ -41,12 +41,14 @@ rm -rf "$build"
 mkdir -p "$build"
 cp "$work"/out/*.deb "$build"
 
-# Files, names of dependencies, and symbols, without the architecture's own names.
+# Files, names of dependencies, and symbols, without the architecture's own names. libgcc-s1 is left
+# out: on 32-bit ARM it is libstdc++6 that gives programs the unwinder's entry.
 contents() { # ARCHITECTURE FOLDER
     multiarch=$(dpkg-architecture -A "$1" -q DEB_TARGET_MULTIARCH)
     {
         for name in libtn-corvel libpelid-log-standin libtn-corvel-dev simcan; do
-            dpkg-deb --field "$2/${name}"_*_"$1.deb" Package Multi-Arch Depends | sed 's/ ([^)]*)//g'
+            dpkg-deb --field "$2/${name}"_*_"$1.deb" Package Multi-Arch Depends |
+                sed 's/ ([^)]*)//g; s/libgcc-s1, //'
             dpkg-deb --fsys-tarfile "$2/${name}"_*_"$1.deb" | tar -t
         done
         dpkg-deb --ctrl-tarfile "$2"/libtn-corvel_*_"$1.deb" | tar -xO ./symbols
