@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <future>
 #include <regex>
+#include <thread>
 
 #include "recorder.h"
 
@@ -320,6 +322,22 @@ TEST_F(ApiTest, CallsThatComeWhenTheProcessHasEndedFindTheirDevice) {
         exit(0);
     };
     EXPECT_EXIT(end(), testing::ExitedWithCode(2), "");
+}
+
+TEST_F(ApiTest, AProcessEndsWhileARefusalThatHoldsTheRegistryIsLogged) {
+    const auto end = [&] {
+        std::promise<void> logging;
+        const auto block = [&] {
+            logging.set_value();
+            pause();
+        };
+        m_answers = {{"log 3", 0, 0, block}};
+        std::thread(release).detach();
+        logging.get_future().wait();
+        alarm(10);
+        exit(0);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
 }
 
 // Lets each allocation of a call fail in turn, until one call needs fewer; `check` runs after each.

@@ -145,10 +145,6 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) {
     if (FROM_LIBRARY && current != nullptr) noteLock(mutex);
     return REAL(pthread_mutex_lock)(mutex);
 }
-int pthread_mutex_trylock(pthread_mutex_t* mutex) {
-    if (FROM_LIBRARY && current != nullptr) noteLock(mutex);
-    return REAL(pthread_mutex_trylock)(mutex);
-}
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     if (current != nullptr && current->m_locks.count(mutex) != 0) {  // perhaps by a tail call
         locksHeld.erase(locksHeld.find(current->m_locks[mutex]), 1);
