@@ -80,7 +80,6 @@ TEST_F(HandleTest, AHandleFollowsItsStates) {
     EXPECT_TRUE(device->open(1, true, 2));
     EXPECT_EQ(callsOf(open), "\nlog 3 The device is already open!\n= 0\n");
     EXPECT_EQ(outcome(write), "write 50 72:000000000001; = 1") << "in the mode of before";
-    m_answers = {{"system", -1, 10}};
     EXPECT_EQ(outcome(close), "close 50; " + down);
     EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_TRUE(open());

@@ -93,13 +93,10 @@ usb_adapters() {
     pulled_gateway
 }
 
-# The gateway joins both buses, with a sender on each, and its adapter is pulled out. No frame goes
-# round on the other bus then, and it ends, if need be by a signal to a thread.
+# The gateway joins both buses, with a sender on each, and its adapter is pulled out. It ends in order,
+# if need be by a signal to a thread.
 pulled_gateway() {
-    sent() { cat /sys/class/net/can2/statistics/tx_packets; }
-    silent() { local before; before=$(sent); sleep 0.2; [ "$(sent)" = "$before" ]; }
     for number in 1 3; do ip link set can$number up type can bitrate 500000; done
-    times=
     for _ in $(seq 20); do
         gateway 0 2 >forwarded 2>log &
         gateway=$!
@@ -111,15 +108,12 @@ pulled_gateway() {
         eventually test ! -e /sys/class/net/can0
         sleep 0.2
         kill "${senders[@]}"
-        eventually silent
-        start=$(date +%s%3N)
         kill $gateway
         timeout 20 tail -s 0.02 --pid=$gateway -f /dev/null
-        times+=" $(($(date +%s%3N) - start))"
         [ "$(grep -c '^[1-9]' forwarded)" = 2 ]
         plug_in
     done
-    echo "the gateway ended in order after 20 pulls, each time after so many ms:$times"
+    echo "the gateway ended in order after 20 pulls"
 }
 
 virtual_interfaces() {

@@ -30,9 +30,7 @@ namespace {
 RecorderTest* current;
 // Not destroyed, as the library may be called after the end of main.
 std::vector<std::string>& record = *new std::vector<std::string>;
-std::vector<std::string>& locksHeldByCalls = *new std::vector<std::string>;
-std::string& locksTaken = *new std::string;
-std::string& locksHeld = *new std::string;
+std::string& locks = *new std::string;
 
 thread_local long allocationsLeft = -1;
 thread_local const std::string* path;  // of the source that the thread's log record comes from
@@ -60,7 +58,7 @@ int answer(const Usual& usual, const char* name, const Words&... words) {
     line << name;
     ((line << ' ' << words), ...);
     record.push_back(line.str());
-    locksHeldByCalls.push_back(locksHeld.empty() ? "-" : locksHeld);
+    if (locks.empty() || locks.back() != '.') locks += '.';
     errno = error;
     auto& answers = current->m_answers;
     if (answers.empty() || line.str().find(answers.front().text) == std::string::npos)
@@ -73,11 +71,6 @@ int answer(const Usual& usual, const char* name, const Words&... words) {
     }
     errno = given.error;
     return given.result;
-}
-
-std::string nameOf(long value, const std::map<long, const char*>& names) {
-    const auto found = names.find(value);
-    return found != names.end() ? found->second : std::to_string(value);
 }
 
 // In a CAN socket's place: a pipe of packets, of which both ends are one descriptor.
@@ -96,9 +89,8 @@ int openPipe() {
 void noteLock(const void* mutex) {
     const Memory memory;
     const auto next = static_cast<char>('a' + current->m_locks.size());
-    const char name = current->m_locks.emplace(mutex, next).first->second;
-    locksTaken += name;
-    locksHeld += name;
+    locks += '(';
+    locks += current->m_locks.emplace(mutex, next).first->second;
 }
 
 }  // namespace
@@ -146,9 +138,7 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) {
     return REAL(pthread_mutex_lock)(mutex);
 }
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    if (current != nullptr && current->m_locks.count(mutex) != 0) {  // perhaps by a tail call
-        locksHeld.erase(locksHeld.find(current->m_locks[mutex]), 1);
-    }
+    if (current != nullptr && current->m_locks.count(mutex) != 0) locks += ')';  // a tail call too
     return REAL(pthread_mutex_unlock)(mutex);
 }
 
@@ -195,21 +185,20 @@ int socket(int domain, int type, int protocol) {
                   protocol == CAN_RAW ? "CAN_RAW" : "?");
 }
 int ioctl(int fd, unsigned long request, ifreq* argument) {  // variadic in its header
-    const Memory memory;
-    const std::string name = argument->ifr_name;
-    if (request == SIOCGIFINDEX) argument->ifr_ifindex = 77;
-    if (request == SIOCGIFFLAGS) argument->ifr_flags = current->m_linkIsUp ? IFF_UP : 0;
-    const std::string asked =
-        nameOf(static_cast<long>(request), {{SIOCGIFINDEX, "INDEX"}, {SIOCGIFFLAGS, "FLAGS"}});
-    return answer(succeed, "ioctl", fd, asked, name);
+    if (request == SIOCGIFINDEX) {
+        argument->ifr_ifindex = 77;
+        return answer(succeed, "ioctl", fd, "INDEX", argument->ifr_name);
+    }
+    argument->ifr_flags = current->m_linkIsUp ? IFF_UP : 0;
+    return answer(succeed, "ioctl", fd, request == SIOCGIFFLAGS ? "FLAGS" : "?",
+                  argument->ifr_name);
 }
 int bind(int fd, const sockaddr* address, socklen_t size) {
     return answer(succeed, "bind", fd, Bytes{address, size});
 }
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
-    const Memory memory;
-    const std::string name =
-        nameOf(option, {{CAN_RAW_FILTER, "FILTER"}, {CAN_RAW_FD_FRAMES, "FD_FRAMES"}});
+    const char* name = option == CAN_RAW_FILTER ? "FILTER" : "?";
+    if (option == CAN_RAW_FD_FRAMES) name = "FD_FRAMES";
     return answer(succeed, "setsockopt", fd, level == SOL_CAN_RAW ? name : "?", Bytes{value, size});
 }
 int close(int fd) {
@@ -263,10 +252,9 @@ std::string bytes(const std::string& hexadecimal, size_t size) {
 
 static void run(const std::function<int()>& call) {
     record.clear();
-    locksHeldByCalls.clear();
-    locksTaken.clear();
+    locks.clear();
     soilStack();
-    answer(succeed, "=", call());
+    record.push_back("= " + std::to_string(call()));
 }
 
 static std::string joined(const std::vector<std::string>& words, const char* separator) {
@@ -291,10 +279,7 @@ std::string outcome(const std::function<int()>& call) {
 
 std::string locksOf(const std::function<int()>& call) {
     run(call);
-    auto& held = locksHeldByCalls;
-    held.pop_back();  // the result's
-    held.erase(std::unique(held.begin(), held.end()), held.end());
-    return locksTaken + "; " + joined(held, " ");
+    return locks;
 }
 
 static long openDescriptors() {

@@ -51,8 +51,8 @@ std::string callsOf(const std::function<int()>& call);
 // Only its log records, frames, closed sockets and result, separated by "; ".
 std::string outcome(const std::function<int()>& call);
 
-// The letters of the locks that the library took for a call, "; ", and of those that it held while
-// it asked the system, "-" for none, each time that this changed.
+// How the library took locks for a call: "(a" takes the one of this letter, ")" gives it back, and
+// a dot stands for all that was asked of the system in between.
 std::string locksOf(const std::function<int()>& call);
 
 // Bytes, given as hexadecimal text and followed by zeros up to the size.
