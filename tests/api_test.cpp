@@ -54,7 +54,7 @@ log 2 Free Device.
 )";
 static const std::string released = "\nclose 50\n" + down + "= 0\n";
 
-TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
+TEST_F(ApiTest, AClassicDeviceMakesTheseCallsAndNoOthers) {
     EXPECT_EQ(callsOf(init), scanned + "log 2 " + up + "\nsystem " + up +
                                  "\nsystem sudo ip link set can0 txqueuelen 2000" + bound +
                                  registered);
@@ -69,7 +69,7 @@ TEST_F(ApiTest, AClassicDeviceFromInitialisationToRelease) {
     EXPECT_EQ(init(), 0) << "a released index is free";
 }
 
-TEST_F(ApiTest, ACanFdDeviceFromInitialisationToRelease) {
+TEST_F(ApiTest, ACanFdDeviceMakesTheseCallsAndNoOthers) {
     EXPECT_EQ(callsOf(initCanFd), scanned + "log 2 " + upCanFd + "\nsystem " + upCanFd +
                                       "\nsystem sudo ip link set can0 txqueuelen 10000" + bound +
                                       "setsockopt 50 FD_FRAMES 4:01\n" + registered);
@@ -286,7 +286,7 @@ TEST_F(ApiTest, AReadThatFailsGivesStatus2) {
 
 static const rlimit enough{1100, 1100};
 
-TEST_F(ApiTest, TimeOutsToTheMillisecondOnDescriptorsBelowAndAbove1024) {
+TEST_F(ApiTest, TimeOutsAreExactOnDescriptorsBelowAndAbove1024) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &enough), 0);
     m_firstSocket = 1023;
     ASSERT_EQ(init(), 0);

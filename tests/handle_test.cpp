@@ -19,6 +19,10 @@ static std::shared_ptr<IInterface> handle(const std::string& name) {
     desc.name = name;
     return std::make_shared<IInterface>(driver, desc);
 }
+static int close(IInterface& device) {
+    device.close();
+    return 0;
+}
 static _corvel_CanMsg msg{};
 
 // A back end whose devices have no file descriptor.
@@ -66,25 +70,29 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
 TEST_F(HandleTest, AHandleFollowsItsStates) {
     auto device = handle("can0");
     const auto open = [&] { return device->open(1, false, 2); };
-    const auto close = [&] { return device->close(), 0; };
+    const auto shut = [&] { return close(*device); };
     const auto write = [&] { return device->writeMessage(msg); };
     const auto read = [&] { return device->readMessage(msg, 60000); };
     const std::string down = "log 2 sudo ip link set can0 down; = 0";
     const std::string notOpen = "\nlog 4 Failed to write, isOpen:0 fd:-1 handle:0\n= 0\n";
     EXPECT_EQ(callsOf(read), "\n= 0\n") << "at once, without a message";
     EXPECT_EQ(callsOf(write), notOpen);
-    EXPECT_EQ(outcome(close), down);
+    EXPECT_EQ(outcome(shut), down);
     m_answers = {{"bind", -1}};
     EXPECT_FALSE(open());
     EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_TRUE(device->open(1, true, 2));
     EXPECT_EQ(callsOf(open), "\nlog 3 The device is already open!\n= 0\n");
     EXPECT_EQ(outcome(write), "write 50 72:000000000001; = 1") << "in the mode of before";
-    EXPECT_EQ(outcome(close), "close 50; " + down);
+    EXPECT_EQ(outcome(shut), "close 50; " + down);
     EXPECT_EQ(callsOf(write), notOpen);
     EXPECT_TRUE(open());
     EXPECT_EQ(outcome(write), "write 50 16:; = 1");
-    EXPECT_EQ(callsOf([&] { return device.reset(), 0; }), "\n= 0\n") << "it closes nothing";
+    const auto destroy = [&] {
+        device.reset();
+        return 0;
+    };
+    EXPECT_EQ(callsOf(destroy), "\n= 0\n") << "it closes nothing";
     ::close(50);
 }
 
@@ -94,7 +102,7 @@ TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
         const auto device = handle(name);
         const std::string refused = "log 4 interface name refused:" + name + "; = 0";
         EXPECT_EQ(outcome([&] { return device->open(1, false, 1); }), refused);
-        EXPECT_EQ(outcome([&] { return device->close(), 0; }), refused);
+        EXPECT_EQ(outcome([&] { return close(*device); }), refused);
     }
     for (const char* const name : {"", "can456789012345", "a-Z.9_z0A"}) {
         const auto device = handle(name);
