@@ -62,10 +62,7 @@ static void initialise(int a, int b, int canFd) {
         printf("can%d: initialised, %s, status %d\n", devices[i], canFd ? "CAN FD" : "classic CAN",
                status);
         if (status == CORVEL_SUCCESS) continue;
-        fprintf(stderr, "exchange: can%d could not be initialised (status %d): %s\n", devices[i],
-                status,
-                status == CORVEL_NO_DEVICE ? "no such interface"
-                                           : "configuring it failed, see the messages above");
+        tellFailure("exchange", devices[i], status);
         if (i == 1) corvel_freeDLL(a);
         exit(EXIT_FAILURE);
     }

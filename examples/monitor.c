@@ -41,13 +41,7 @@ int main(int count, char** words) {
     holdSignals();
     const int status = corvel_initDLL(device, bitrate, count > 3, dbitrate);
     if (status != CORVEL_SUCCESS) {
-        fprintf(stderr, "monitor: can%d: %s (status %d)\n", device,
-                status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
-                status);
-        if (status == CORVEL_OPEN_FAILED) {
-            fprintf(stderr, "monitor: if its link was left up: sudo ip link set can%d down\n",
-                    device);
-        }
+        tellFailure("monitor", device, status);
         return 1;
     }
     letSignals();

@@ -74,12 +74,7 @@ int main(int count, char** words) {
     holdSignals();
     const int status = corvel_initDLL(device, bitrate, count > 6, dbitrate);
     if (status != CORVEL_SUCCESS) {
-        fprintf(stderr, "send: can%d: %s (status %d)\n", device,
-                status == CORVEL_NO_DEVICE ? "no such interface" : "could not be configured",
-                status);
-        if (status == CORVEL_OPEN_FAILED) {
-            fprintf(stderr, "send: if its link was left up: sudo ip link set can%d down\n", device);
-        }
+        tellFailure("send", device, status);
         return 1;
     }
     letSignals();

@@ -1,10 +1,12 @@
-// The words of a program's command line: help, words that are wrong, numbers. To copy.
+// The words of a program's command line (help, words that are wrong, numbers), and what a program
+// says when it cannot initialise an adapter. To copy.
 
 #pragma once
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <tn_corvel.h>
 
 // Names a word that is wrong, and ends the program.
 static inline void refuse(const char* usage, const char* word, const char* why) {
@@ -38,4 +40,11 @@ static inline unsigned readNumber(const char* usage, const char* word, unsigned 
         refuse(usage, word, why);
     }
     return (unsigned)value;
+}
+
+// Tells that corvel_initDLL gave this status. The log has said why.
+static inline void tellFailure(const char* program, int device, int status) {
+    fprintf(stderr, "%s: can%d could not be initialised (status %d)\n", program, device, status);
+    if (status != CORVEL_OPEN_FAILED) return;
+    fprintf(stderr, "%s: if its link was left up: sudo ip link set can%d down\n", program, device);
 }

@@ -70,7 +70,7 @@ can_fd_controllers() {
 classic_controllers() { # two SJA1000
     [ ! -e /sys/class/net/can4 ] || "$root/vm/take_over.sh" can4 can5
     ! monitor 0 500 2000 >log 2>&1 || return 1
-    holds log 'could not be configured (status 5)' 'not supported'
+    holds log 'could not be initialised (status 5)' 'not supported'
     CORVEL_CLASSIC=1 tests bus_test
     removed_by 'echo 1 >/sys/class/net/can0/device/remove' bus_test
 }
