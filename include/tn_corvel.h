@@ -8,20 +8,18 @@
  * What the library promises:
  * - Any thread may call any function, for any index. A read that waits holds up other reads of the
  *   same device, and nothing else.
- * - A release may meet reads and writes of other threads. It does not wait for them. They return
- *   when the link is down, and their file descriptor is not reused before they return.
- * - A device delivers frames of its own interface only. Once its adapter has been removed it
- *   receives and sends none any more, until it is released and initialised again.
- * - Failures are reported by status, and the reason goes to the log: to libpelid_log.so, whose
- *   stand-in writes to standard error. C++ callers: std::bad_alloc passes through. Afterwards no
- *   lock is held, no descriptor is left open, an initialisation has registered nothing, a release
- *   has removed the device, and the next call works. Only the link may be left up.
+ * - corvel_freeDLL() does not wait for calls in progress: they fail once the link is down, and keep
+ *   their descriptor's number until then.
+ * - A device delivers frames of its own interface only. After its adapter was removed, it neither
+ *   receives nor sends until it is released and initialised again.
+ * - Failures are reported by status; the reason goes to the log (libpelid_log.so). The only
+ *   exception is std::bad_alloc. It leaves no lock held and no descriptor open: an initialisation
+ *   has registered nothing, a release has removed the device. The link may stay up.
  * - A process that ends, and a library that is unloaded, wait for no lock.
  *
  * What the caller must do:
- * - Release every device before the process exits or the library is unloaded. Otherwise the link
- *   stays up, and the next initialisation fails with CORVEL_OPEN_FAILED ("Device or resource busy")
- *   until somebody runs `sudo ip link set canN down`.
+ * - Release every device before the process exits or the library is unloaded. Otherwise its link
+ *   stays up, and the next corvel_initDLL() fails.
  * - For one index, run no initialisation at the same time as another one or as a release.
  * - Initialise and release a device in one network namespace, and rename no link meanwhile.
  * - During an initialisation, neither ignore SIGCHLD nor call wait() or waitpid(-1, ...) in another
@@ -65,8 +63,8 @@ enum corvel_Status {
  * library uses it only during the call that receives it.
  *
  * The record does not say whether a frame is classic or CAN FD: a device sends the format that it
- * was initialised for. A CAN FD device also receives classic frames. The record carries at most 8
- * payload bytes; CAN FD frames with more are refused in both directions.
+ * was initialised for, and a CAN FD device also receives classic frames. A CAN FD frame of more
+ * than 8 bytes does not fit: received, it is dropped, and the read fails.
  */
 typedef struct _corvel_CanMsg {
     /**
@@ -76,7 +74,7 @@ typedef struct _corvel_CanMsg {
      */
     uint32_t id;
     uint8_t data[8];     /**< Payload in frame order; only the first len bytes count. */
-    uint8_t len;         /**< Payload bytes, 0 to 8. Sent above 8: classic 8, CAN FD refused. */
+    uint8_t len;         /**< Payload bytes, 0 to 8. More: classic sends 8, CAN FD refuses. */
     uint8_t reserved[7]; /**< Neither read nor written. */
     uint8_t remote;      /**< Remote frame (classic only): any value but 0; received 0 or 1. */
     uint8_t extended;    /**< 29-bit identifier: any value but 0; received 0 or 1. */
@@ -85,9 +83,9 @@ typedef struct _corvel_CanMsg {
 /**
  * Configures interface "can" + devIndex, brings it up and opens it.
  *
- * Runs two `ip link set` commands under `sudo`, which the calling user must be allowed to use, and
- * takes as long as they do; docs/permissions.md tells how. A link that is up
- * already is not taken down: CORVEL_OPEN_FAILED. After CORVEL_OPEN_FAILED the link may be left up.
+ * Runs two `ip link set` commands under `sudo`, and takes as long as they do. The calling user must
+ * be allowed to run them (docs/permissions.md). A link that is up already is refused ("Device or
+ * resource busy"), and after a failure the link may stay up: `sudo ip link set canN down`.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index
  * @param bitrate  nominal bit rate in kbit/s, at most 4294967; examined by the controller's driver
@@ -123,8 +121,8 @@ CORVEL_API int32_t corvel_freeDLL(int32_t devIndex);
  * @retval CORVEL_SUCCESS (0) the kernel has the frame
  * @retval CORVEL_NO_DEVICE (1) the index is not initialised
  * @retval CORVEL_NOT_WRITTEN (3) the transmit queue is full (try again later), a signal interrupted
- *         the wait for room, the link is down, msg is null, or a CAN FD device is asked for a
- *         remote frame or for more than 8 bytes
+ *         the wait for room, the link is down, the device was released meanwhile, msg is null, or
+ *         a CAN FD device was given a remote frame or too large a len
  */
 CORVEL_API int32_t corvel_writeMessage(int32_t devIndex, const struct _corvel_CanMsg* msg);
 
@@ -137,8 +135,8 @@ CORVEL_API int32_t corvel_writeMessage(int32_t devIndex, const struct _corvel_Ca
  * @param timeout  longest wait in milliseconds; 0 polls. There is no endless wait.
  * @retval CORVEL_SUCCESS (0) a frame was read
  * @retval CORVEL_NO_DEVICE (1) the index is not initialised
- * @retval CORVEL_NO_FRAME (2) none came in time, a signal interrupted the wait, the link is down,
- *         msg is null, or a CAN FD frame of more than 8 bytes came, which is dropped
+ * @retval CORVEL_NO_FRAME (2) none came in time, a signal interrupted the wait, the link went down,
+ *         the device was released meanwhile, msg is null, or a frame came that does not fit
  */
 CORVEL_API int32_t corvel_readMessage(int32_t devIndex, struct _corvel_CanMsg* msg,
                                       uint32_t timeout);

@@ -12,8 +12,8 @@
 namespace corvel {
 
 // The device from one open to its close, shared by the handle and by every call that is using it:
-// the descriptor and mode that such a call works with. The last one that shares it gives back the
-// number of the socket, when a close has reserved that.
+// the descriptor and mode that such a call works with. If a close meets calls in progress, their
+// descriptor's number stays occupied until the last one ends.
 struct IInterface::Session {
     DeviceDesc desc;
     bool canFd;

@@ -34,14 +34,13 @@ public:
     /// down before. Runs no command for a name that open() refuses.
     void close(IInterface::DeviceDesc& desc) override;
 
-    /// Accepts classic and CAN FD frames in either mode. A CAN FD frame of more than 8 bytes does
-    /// not fit the record: it is consumed and reported as a failure.
+    /// Accepts classic and CAN FD frames in either mode. A frame that does not fit the record is
+    /// consumed, and false returned.
     bool readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg, bool canFd,
                      unsigned int timeout) override;
 
-    /// One write: fails when the transmit queue is full, waits when the socket's send buffer is. In
-    /// CAN FD mode every frame is sent as a CAN FD frame with bit-rate switch; remote frames and
-    /// more than 8 bytes are refused.
+    /// One write, of a classic frame or, in CAN FD mode, of a CAN FD frame with bit-rate switch. A
+    /// record that no such frame can carry is refused.
     bool writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg& msg,
                       bool canFd) override;
 
