@@ -144,16 +144,22 @@ TEST_F(ReleaseTest, AReadIsWokenOnALinkThatIsDownAlready) {
     }
 }
 
+// The limit keeps the release from making a dead socket, a copy, or one of them with the old
+// number.
 TEST_F(ReleaseTest, AReadEndsWhereALimitThatWasLoweredKeepsNoNumber) {
-    ASSERT_EQ(init(), 0);
     rlimit usual;
     getrlimit(RLIMIT_NOFILE, &usual);
-    const rlimit lowered{50, usual.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &lowered);
-    EXPECT_EQ(readMeetsRelease(), "\nselect 50 0 0\n" + m_closeCopy + m_closeDead +
-                                      "ioctl 50 FLAGS can0\nclose 50\n" + down +
-                                      "log 4 select() error: Bad file descriptor\n= 2\n");
-    setrlimit(RLIMIT_NOFILE, &usual);
+    for (const auto& [limit, closed] : {std::pair{m_dead, std::string()},
+                                        {m_copy, m_closeDead},
+                                        {50, m_closeCopy + m_closeDead}}) {
+        ASSERT_EQ(init(), 0);
+        const rlimit lowered{static_cast<rlim_t>(limit), usual.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &lowered);
+        EXPECT_EQ(readMeetsRelease(), "\nselect 50 0 0\n" + closed +
+                                          "ioctl 50 FLAGS can0\nclose 50\n" + down +
+                                          "log 4 select() error: Bad file descriptor\n= 2\n");
+        setrlimit(RLIMIT_NOFILE, &usual);
+    }
 }
 
 TEST_F(ApiTest, UnknownIndexesAndNullRecordsAreRefused) {

@@ -30,6 +30,7 @@ class FakeDriver : public corvel::DriverForSocketCan {
 public:
     bool open(IInterface::DeviceDesc& desc, unsigned, bool, unsigned) override {
         desc.handle = this;
+        m_ifindex = desc.ifindex;
         return act();
     }
     void close(IInterface::DeviceDesc& desc) override {
@@ -43,6 +44,7 @@ public:
         return act() && desc.handle == this;
     }
     std::function<void()> m_within;  // happens within the next operation
+    int m_ifindex = 0;
     int m_closed = 0;
 
 private:
@@ -57,7 +59,7 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     m_links = {{280, "can10"}, {1, "can7"},   {280, "can01"}, {280, ""},    {280, "CAN1"},
                {281, "can8"},  {279, "can9"}, {280, "can1"},  {280, "can0"}};
     std::vector<std::shared_ptr<IInterface>> devices{handle("can0")};
-    ASSERT_TRUE(driver->scanDevices(devices));
+    ASSERT_TRUE(fake->scanDevices(devices));
     std::string names;
     for (const auto& device : devices) names += device->name() + ' ';
     ASSERT_EQ(names, "can0 can10 can01  CAN1 can1 can0 ");
@@ -65,6 +67,8 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     EXPECT_EQ(driver->getDeviceByIndex(1, devices), devices[5]);
     EXPECT_EQ(driver->getDeviceByIndex(10, devices), devices[1]);
     EXPECT_EQ(driver->getDeviceByIndex(7, devices), nullptr);
+    devices[5]->open(1, false, 2);
+    EXPECT_EQ(fake->m_ifindex, 8);
 }
 
 TEST_F(HandleTest, AHandleFollowsItsStates) {
