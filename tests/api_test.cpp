@@ -75,8 +75,6 @@ TEST_F(ApiTest, ACanFdDeviceMakesTheseCallsAndNoOthers) {
                                       "setsockopt 50 FD_FRAMES 4:01\n" + registered);
     EXPECT_EQ(callsOf(send), "\nwrite 50 72:2301000003010000010203\n= 0\n");
     EXPECT_EQ(callsOf(poll), "\nselect 50 0 0\n= 2\n");
-    EXPECT_EQ(initOther(), 0);
-    EXPECT_EQ(callsOf(sendOn<1>), "\nwrite 51 72:2301000003010000010203\n= 0\n");
     m_answers = {{"system", 0x100}};
     EXPECT_EQ(callsOf(release), released) << "what the command achieves is not examined";
 }

@@ -101,7 +101,9 @@ public:
         ASSERT_EQ(m_end.wait_for(std::chrono::seconds(10)), std::future_status::ready) << cause;
         const auto [status, when] = m_end.get();
         const std::chrono::duration<double, std::milli> time = when - start;
-        printf("a read that waited returned within %.0f ms: %s\n", time.count(), cause);
+        if (time.count() > 0) {  // or it had returned before
+            printf("a read that waited returned within %.0f ms: %s\n", time.count(), cause);
+        }
         EXPECT_EQ(status, CORVEL_NO_FRAME);
     }
 
@@ -128,22 +130,19 @@ protected:
 };
 
 TEST_F(BusTest, ManyFramesArriveInOrder) {
-    const bool classic = getenv("CORVEL_CLASSIC") != nullptr;
-    const int32_t total = 5000, ahead = classic ? 2 : 100;
-    openBoth(!classic);
-    std::atomic<int32_t> sent{0}, taken{0};
-    {
-        const Repeated writer([&] {
-            if (sent == total || sent == taken + ahead) return false;
-            const bool written = write(0, sent) == CORVEL_SUCCESS;
-            sent += written;
-            return written;
-        });
-        for (int32_t number; taken < total; ++taken) {
-            if (read(1, 5000, &number) != CORVEL_SUCCESS || number != taken) break;
-        }
+    const int32_t total = 5000, ahead = getenv("CORVEL_CLASSIC") != nullptr ? 2 : 100;
+    openBoth(ahead > 2);
+    std::atomic<int32_t> taken{0};
+    const Repeated writer([&, sent = 0]() mutable {
+        if (sent == total || sent == taken + ahead || write(0, sent) != CORVEL_SUCCESS)
+            return false;
+        ++sent;
+        return true;
+    });
+    for (int32_t number; taken < total; ++taken) {
+        ASSERT_EQ(read(1, 5000, &number), CORVEL_SUCCESS) << "after " << taken;
+        ASSERT_EQ(number, taken) << "lost, doubled or out of order";
     }
-    EXPECT_EQ(taken, total) << "lost, doubled or out of order after this many";
     EXPECT_EQ(read(1, 20), CORVEL_NO_FRAME);
 }
 
@@ -151,8 +150,7 @@ TEST_F(BusTest, AReleaseEndsAReadAndThoseThatWaitTheirTurn) {
     openBoth();
     WaitingRead first, second;
     first.returnsAfter("released", [] { return corvel_freeDLL(0); });
-    second.returnsAfter("released while it waited its turn", [] { return 0; });
-    EXPECT_EQ(open(0), CORVEL_SUCCESS);
+    second.returnsAfter("released while it waited its turn", [] { return open(0); });
 }
 
 // A link that goes down by other hands is reported once; a release ends what waits nevertheless.
@@ -186,17 +184,6 @@ TEST_F(BusTest, AReleaseEndsReadsThatWritesWithoutPauseMet) {
         EXPECT_TRUE(eventually([&] { return reader.m_done >= before + 3; }))
             << "a read outlasts the release";
     }
-    corvel_freeDLL(0);
-}
-
-// The release has no descriptors to spare for what it does otherwise.
-TEST_F(BusTest, AReleaseEndsReadsOfAProcessWithoutDescriptors) {
-    openBoth();
-    WaitingRead waiting;
-    std::vector<int> taken;
-    while (taken.empty() || taken.back() >= 0) taken.push_back(::open("/dev/null", O_CLOEXEC));
-    waiting.returnsAfter("released without descriptors", [] { return corvel_freeDLL(0); });
-    for (const int fd : taken) ::close(fd);
 }
 
 TEST_F(BusTest, ADeviceLeavesTheStandardStreamsAlone) {
