@@ -73,11 +73,12 @@ build_and_test() {
         setarch -R ctest --preset "$1" "${@:2}"
 }
 
-# The unit tests have an operator new of their own, which valgrind is not to replace.
+# The unit tests have an operator new of their own, which valgrind is not to replace. What a thread has
+# that runs when the process ends is "possibly" lost.
 memcheck() {
     ulimit -Sn 1100 # valgrind keeps the descriptors from here on; the tests use as many
     check=(build/dev/simcan/simcan --own valgrind -q --leak-check=full --error-exitcode=9
-        --soname-synonyms=somalloc=nouserintercepts)
+        --show-leak-kinds=definite --errors-for-leak-kinds=definite --soname-synonyms=somalloc=nouserintercepts)
     export PELID_LOG_FILE=/dev/null
     "${check[@]}" build/dev/unit_tests &&
         "${check[@]}" build/dev/bus_test --gtest_filter='BusTest.*-*WithoutPause*'
