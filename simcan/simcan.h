@@ -3,25 +3,32 @@
  * A simulated CAN bus, for machines without an adapter or without CAN in the kernel.
  *
  * A program that is preloaded with libsimcan.so, or linked with it before anything else, finds the
- * interfaces that the environment variable SIMCAN names, beside lo: a list of NAME or NAME:BUS
- * separated by blanks, "can0 can1" when it is not set. BUS is any text without a blank, "0" by
- * default. There may be 32 interfaces; what is no name of one is reported on standard error.
- * Interfaces of one bus reach each other across all processes of one user in one network namespace
- * whose SIMCAN_RUN is the same text, or not set. A bus is no secret: any program of the machine
- * could listen or send.
+ * interfaces that the environment variable SIMCAN names, beside the machine's own: a list of NAME
+ * or NAME:BUS separated by blanks, "can0 can1" when it is not set. BUS is "0" by default. There may
+ * be 32 interfaces. Interfaces of one bus reach each other across all processes of one user in one
+ * network namespace whose SIMCAN_RUN is the same text, or not set. A bus is no secret: any program
+ * of the machine could listen or send.
  *
- * A frame goes to every other socket on the bus, on whichever interface, and CAN FD frames only to
- * those that enabled them. Each socket has a queue of about the kernel's size; what does not fit is
- * lost to that socket alone, and nobody is told. All that is as in the kernel. What differs:
- * - Links are never configured and need not be up. `system` is not touched: the `sudo` beside this
- *   library takes the place of the real one when its folder comes first in PATH.
+ * Raw CAN sockets are as the kernel's: addresses, filters, options, flags of messages, time stamps,
+ * queues, who receives which frame, and errno. What differs:
+ * - Links are never configured and are up from the start. `system` is not touched: the `sudo`
+ * beside this library takes the place of the real one when its folder comes first in PATH.
  * - Frames arrive at once: no bit rate, no arbitration, no errors. A write never waits for room and
  *   never fails with ENOBUFS, unless ordered by simcan_failNext().
  * - When an interface is taken down, the next read of each socket on it fails with ENETDOWN, as in
  *   the kernel, but frames that came before are read first, and a socket whose queue is full is not
- *   told. That the link is down is not remembered: writes succeed, frames go on arriving.
- * - CAN sockets know socket, SIOCGIFINDEX, bind, CAN_RAW_FD_FRAMES, select or poll, read, write and
- *   close. Programs that want more (candump and the like) need a real or virtual interface.
+ *   told. A process knows that a link is down from the time when one of its sockets has nothing
+ *   before that to read: then SIOCGIFFLAGS says so and writes fail with ENETDOWN, until the process
+ *   binds a socket to it. Other processes know nothing of that.
+ * - A socket that is bound to all interfaces (index 0) receives a frame once, and not once on each
+ *   interface of the bus. It is told of no link that goes down, as in the kernel.
+ * - Filters take memory of the socket: some hundred are possible (net.core.optmem_max).
+ * - recvmmsg and sendmmsg fail with EOPNOTSUPP; SO_RCVLOWAT, SO_BINDTODEVICE and socket filters of
+ *   one's own with ENOPROTOOPT; CAN_BCM, CAN_ISOTP, CAN_J1939 with EPROTONOSUPPORT, as in a kernel
+ *   without these modules. CAN XL is unknown.
+ * - Outside the bus are: static programs, others that make system calls without the C library, and
+ *   libraries in a namespace of their own (dlmopen). Interfaces are not listed by netlink sockets
+ * (ip link), but for libnl's rtnl_link_alloc_cache.
  * - In a network namespace whose loopback interface is down, it is brought up, or nothing opens.
  *
  * An application's tests can have calls and commands fail that a healthy bus never fails: see
@@ -39,16 +46,13 @@ extern "C" {
 
 /** The calls that can be made to fail. */
 enum simcan_Call {
-    SIMCAN_SOCKET,
-    SIMCAN_IOCTL,
-    SIMCAN_BIND,
-    SIMCAN_SETSOCKOPT,
-    SIMCAN_WRITE,
-    SIMCAN_CACHE /**< rtnl_link_alloc_cache */
+    SIMCAN_SOCKET, /**< socket, for a CAN socket */
+    SIMCAN_WRITE,  /**< what sends a frame: write, send, sendto, sendmsg, writev */
+    SIMCAN_CACHE   /**< rtnl_link_alloc_cache */
 };
 
 /**
- * Makes the next such call on the simulated bus fail, once.
+ * Makes the next such call of this process on the simulated bus fail, once.
  *
  * @param call  which call
  * @param error errno that it then sets; for SIMCAN_CACHE the libnl error, which it returns negated.

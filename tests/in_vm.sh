@@ -29,7 +29,7 @@ refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is requi
 
 tests() { # COMMAND...: runs tests of the bus
     "$@" >out 2>/dev/null || { cat out; return 1; }
-    grep -E 'returned within|PASSED  ] [1-9]|expected' out
+    grep -E 'returned within|PASSED  ] [1-9]|expected|equal' out
 }
 python_tests() { # NUMBER WORDS COMMAND...: as many tests, from Python
     # shellcheck disable=SC2086 # several words
@@ -124,6 +124,7 @@ virtual_interfaces() {
     chmod 711 /  # which an ordinary user cannot open then
     tests on_pair exchange
     tests on_pair bus_test
+    tests on_pair "$root/tests/can_tools.sh" /opt/corvel
     python_tests 2 '-k frames -k notifier' on_pair
     for _ in 1 2 3 4 5 6; do removed_by 'ip link del can0' on_pair bus_test; done
     sysctl -q user.max_user_namespaces=0
