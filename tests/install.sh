@@ -37,7 +37,7 @@ examples=$folder/share/doc/libtn-corvel-dev/examples
 build examples -G Ninja -S "$examples" -DCMAKE_PREFIX_PATH="$folder"
 $simcan examples/exchange 2>/dev/null | grep -q -x 'all as expected'
 read -ra flags < <(PKG_CONFIG_PATH=$folder/lib/pkgconfig pkg-config --cflags --libs tn_corvel)
-c++ "$examples/ping.cpp" -o ping "${flags[@]}" -Wl,-rpath,"$folder/lib"
+c++ -fsanitize=address "$examples/ping.cpp" -o ping "${flags[@]}" -Wl,-rpath,"$folder/lib"
 $simcan ./ping | grep -q '^identifier 123, 3 bytes'
 
 /usr/bin/python3 -m venv --system-site-packages environment

@@ -9,7 +9,7 @@ build=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-for program in {scripts,bench,tests,vm,examples}/*.{sh,py} "$build"/{exchange,failures,gateway,monitor,ping,send}; do
+for program in {scripts,bench,tests,vm,examples}/*.{sh,py} "$build"/{exchange,failures,gateway,gateway_test,monitor,ping,send,simcan/simcan}; do
     [ -x "$program" ] || continue
     echo "$program"
     for option in -h --help; do
@@ -32,3 +32,13 @@ test "$(logged PELID_LOG_LEVEL=0)" = ''
 test "$(logged PELID_LOG_FILE="$work/log")$(logged PELID_LOG_FILE="$work/log")" = ''
 test "$(grep -c 'Write failed,No such device' "$work/log")" = 2
 test "$(logged PELID_LOG_FILE="$work/none/log")" = 34cannot
+
+for interfaces in '' can0,can1 'can0 can0' can0: :bus can0:bus:2 sixteen.letters.; do
+    ! SIMCAN=$interfaces "$build/simcan/simcan" touch "$work/started" 2>"$work/errors" || exit 1
+    grep -q "Write SIMCAN='can0 can1'" "$work/errors"
+done
+! "$build/simcan/simcan" --own --kernel touch "$work/started" 2>"$work/errors" || exit 1
+grep -q 'exclude each other' "$work/errors"
+test ! -e "$work/started"
+! "$build/simcan/simcan" cansend can2 123#11 2>"$work/errors" || exit 1
+grep -q -x "simcan: no interface can2, SIMCAN='can0 can1'" "$work/errors"
