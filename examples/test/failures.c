@@ -28,6 +28,8 @@ int main(int count, char** words) {
     expect("a command that fails", corvel_initDLL(0, 500, false, 0), CORVEL_OPEN_FAILED);
     unsetenv("SIMCAN_SUDO_FAIL");
     expect("a rate that no adapter makes", corvel_initDLL(0, 500000, false, 0), CORVEL_OPEN_FAILED);
+    simcan_failNext(SIMCAN_SOCKET, EMFILE);
+    expect("no descriptor for the socket", corvel_initDLL(0, 500, false, 0), CORVEL_OPEN_FAILED);
     simcan_failNext(SIMCAN_CACHE, 12);
     expect("interfaces that cannot be listed", corvel_initDLL(0, 500, false, 0), CORVEL_NO_DEVICE);
 
@@ -37,6 +39,7 @@ int main(int count, char** words) {
     expect("the same frame again", corvel_writeMessage(0, &msg), CORVEL_SUCCESS);
     simcan_linkDown("can0");
     expect("a link that others take down", corvel_readMessage(0, &got, 1000), CORVEL_NO_FRAME);
+    expect("a frame for it", corvel_writeMessage(0, &msg), CORVEL_NOT_WRITTEN);
     expect("release", corvel_freeDLL(0), CORVEL_SUCCESS);
 
     puts(surprises == 0 ? "all as expected" : "NOT as expected");
