@@ -25,20 +25,37 @@ import can
 __all__ = ["CorvelBus"]
 __version__ = "1.0.0"
 
+
+class _CanMsg(ctypes.Structure):
+    """struct _corvel_CanMsg"""
+
+    _fields_ = [
+        ("id", ctypes.c_uint32),
+        ("data", ctypes.c_uint8 * 8),
+        ("len", ctypes.c_uint8),
+        ("reserved", ctypes.c_uint8 * 7),
+        ("remote", ctypes.c_uint8),
+        ("extended", ctypes.c_uint8),
+    ]
+
+
 try:
     _library = ctypes.CDLL("libtn_corvel.so")  # its calls release the interpreter's lock
 except OSError as error:
     raise ImportError(
-        "libtn_corvel.so was not found: install libtn-corvel, " "or set LD_LIBRARY_PATH"
+        "libtn_corvel.so was not found: install libtn-corvel, or set LD_LIBRARY_PATH"
     ) from error
+_Message = ctypes.POINTER(_CanMsg)
 _library.corvel_initDLL.argtypes = [ctypes.c_int32, ctypes.c_uint32, ctypes.c_bool, ctypes.c_uint32]
 _library.corvel_freeDLL.argtypes = [ctypes.c_int32]
-_library.corvel_writeMessage.argtypes = [ctypes.c_int32, ctypes.c_char_p]
-_library.corvel_readMessage.argtypes = [ctypes.c_int32, ctypes.c_char_p, ctypes.c_uint32]
+_library.corvel_writeMessage.argtypes = [ctypes.c_int32, _Message]
+_library.corvel_readMessage.argtypes = [ctypes.c_int32, _Message, ctypes.c_uint32]
+_library.corvel_initDLL.restype = ctypes.c_int32
+_library.corvel_freeDLL.restype = ctypes.c_int32
+_library.corvel_writeMessage.restype = ctypes.c_int32
+_library.corvel_readMessage.restype = ctypes.c_int32
 
-_record = struct.Struct("=I8sB7x??2x")  # identifier with flags, data, length, remote, extended
-_Record = ctypes.c_char * _record.size
-_ERROR, _IDENTIFIER = 0x20000000, 0x1FFFFFFF  # a flag, and what are no flags
+_CAN_ERR_FLAG, _CAN_EFF_MASK, _CAN_SFF_MASK = 0x20000000, 0x1FFFFFFF, 0x7FF
 
 _SLICE = 0.2  # s, the longest single read: a signal may come just before it and not end it
 _PAUSE = 0.01  # s, before a frame is offered again
@@ -168,7 +185,7 @@ class CorvelBus(can.BusABC):
         :raises can.CanTimeoutError: if the queue was full all the time
         :raises can.CanOperationError: if the bus is shut down, or the link down or gone
         """
-        record = self._pack(msg)
+        record = self._record(msg)
         limit = math.inf if timeout is None else time.monotonic() + timeout
         while True:
             status = _library.corvel_writeMessage(self._index, record) if self._open.alive else 1
@@ -181,11 +198,11 @@ class CorvelBus(can.BusABC):
                 )
             time.sleep(_PAUSE)
 
-    def _pack(self, msg: can.Message) -> bytes:
+    def _record(self, msg: can.Message) -> _CanMsg:
         """The library's record of a message that the adapter can send."""
         if msg.is_error_frame:
             raise ValueError("the adapter cannot send error frames")
-        if not 0 <= msg.arbitration_id <= (_IDENTIFIER if msg.is_extended_id else 0x7FF):
+        if not 0 <= msg.arbitration_id <= (_CAN_EFF_MASK if msg.is_extended_id else _CAN_SFF_MASK):
             raise ValueError(
                 f"identifier {msg.arbitration_id:#x} has more than "
                 f"{29 if msg.is_extended_id else 11} bits"
@@ -198,14 +215,18 @@ class CorvelBus(can.BusABC):
             raise ValueError(f"{msg.dlc} bytes: the adapter sends at most 8, in CAN FD too")
         if len(msg.data) != (0 if msg.is_remote_frame else msg.dlc):
             raise ValueError(f"{len(msg.data)} bytes of data do not fit dlc={msg.dlc}")
-        return _record.pack(
-            msg.arbitration_id, bytes(msg.data), msg.dlc, msg.is_remote_frame, msg.is_extended_id
+        return _CanMsg(
+            id=msg.arbitration_id,
+            data=tuple(msg.data),
+            len=msg.dlc,
+            remote=msg.is_remote_frame,
+            extended=msg.is_extended_id,
         )
 
     def _recv_internal(self, timeout: float | None) -> tuple[can.Message | None, bool]:
         """One read of at most a slice; `recv` goes on while there is time."""
         wait = _SLICE if timeout is None else max(0, min(timeout, _SLICE))
-        record = _Record()
+        record = _CanMsg()
         status = (
             _library.corvel_readMessage(self._index, record, math.ceil(wait * 1000))
             if self._open.alive
@@ -214,23 +235,20 @@ class CorvelBus(can.BusABC):
         if status != 0:
             self._check(status)
             return None, False
-        identifier, data, length, remote, extended = _record.unpack(record)
-        fd = self._fd and not remote
-        return (
-            can.Message(
-                timestamp=time.time(),
-                arbitration_id=identifier & _IDENTIFIER,
-                is_extended_id=extended,
-                is_remote_frame=remote,
-                is_error_frame=bool(identifier & _ERROR),
-                channel=self.channel,
-                dlc=length,
-                data=data[:length],
-                is_fd=fd,
-                bitrate_switch=fd,
-            ),
-            False,
+        fd = self._fd and not record.remote
+        message = can.Message(
+            timestamp=time.time(),
+            arbitration_id=record.id & _CAN_EFF_MASK,
+            is_extended_id=bool(record.extended),
+            is_remote_frame=bool(record.remote),
+            is_error_frame=bool(record.id & _CAN_ERR_FLAG),
+            channel=self.channel,
+            dlc=record.len,
+            data=record.data[: record.len],
+            is_fd=fd,
+            bitrate_switch=fd,
         )
+        return message, False
 
     def _link(self) -> tuple[int, int] | None:
         """The interface's number in the kernel, and whether it is up; None when there is no
