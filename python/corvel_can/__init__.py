@@ -5,8 +5,10 @@
         print(bus.recv(1.0))
 """
 
+import atexit
 import contextlib
 import ctypes
+import errno
 import fcntl
 import math
 import os
@@ -17,7 +19,7 @@ import struct
 import threading
 import time
 import weakref
-from collections.abc import Iterator
+from collections.abc import Callable
 from typing import Any
 
 import can
@@ -55,38 +57,141 @@ _library.corvel_freeDLL.restype = ctypes.c_int32
 _library.corvel_writeMessage.restype = ctypes.c_int32
 _library.corvel_readMessage.restype = ctypes.c_int32
 
+_SUCCESS, _NO_DEVICE, _OPEN_FAILED = 0, 1, 5
 _CAN_ERR_FLAG, _CAN_EFF_MASK, _CAN_SFF_MASK = 0x20000000, 0x1FFFFFFF, 0x7FF
+_SIOCGIFFLAGS, _SIOCGIFINDEX, _IFNAMSIZ, _IFF_UP = 0x8913, 0x8933, 16, 1
+_DOWN, _GONE = 0, -1  # in the place of an interface's number, which is above 0
 
+_NUMBER = "(0|[1-9][0-9]{0,8})"  # of an interface
 _SLICE = 0.2  # s, the longest single read: a signal may come just before it and not end it
 _PAUSE = 0.01  # s, before a frame is offered again
-_SIOCGIFFLAGS, _IFF_UP = 0x8913, 1
 
-_owners: dict[int, object] = {}  # by device index, from before its opening until after its release
+_held: dict[int, "_Adapter"] = {}  # by index, from before the opening until after the release
+_program_ends = False
 
 
-@contextlib.contextmanager
-def _commands() -> Iterator[None]:
-    """While the library runs commands. A Ctrl-C reaches them too, and must not end them: they
-    inherit that it is ignored. Python changes that in its main thread only."""
-    main = threading.current_thread() is threading.main_thread()
-    handler = signal.getsignal(signal.SIGINT) if main else None
+def _uninterrupted(call: Callable[..., Any], *arguments: int) -> Any:
+    """Calls what runs commands. A signal to the process group, as of Ctrl-C, `timeout` and systemd,
+    reaches them too and must not end them: they inherit that it is ignored. It is blocked before
+    that, so it comes when they have ended. Python ignores signals in its main thread only."""
+    ends = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+    handlers = {number: signal.getsignal(number) for number in ends}
+    mask = signal.pthread_sigmask(signal.SIG_BLOCK, ())
     try:
-        if handler is not None:
-            signal.signal(signal.SIGINT, signal.SIG_IGN)
-        yield
+        signal.pthread_sigmask(signal.SIG_BLOCK, ends)
+        with contextlib.suppress(ValueError):  # another thread, or a subinterpreter
+            for number, handler in handlers.items():
+                if handler is not None:  # None: not Python's, which could not restore it
+                    signal.signal(number, signal.SIG_IGN)
+        return call(*arguments)
     finally:
-        if handler is not None:
-            signal.signal(signal.SIGINT, handler)
-
-
-def _release(index: int, owner: object, process: int) -> None:
-    """Takes the link down, unless another bus or, after a fork, another process has it."""
-    if _owners.get(index) is owner and os.getpid() == process:
         try:
-            with _commands():
-                _library.corvel_freeDLL(index)
+            with contextlib.suppress(ValueError):
+                for number, handler in handlers.items():
+                    if handler is not None:
+                        signal.signal(number, handler)
         finally:
-            del _owners[index]
+            signal.pthread_sigmask(signal.SIG_SETMASK, mask)
+
+
+class _Adapter:
+    """An adapter of this process, from before its opening until its release is complete."""
+
+    def __init__(self, bus: "CorvelBus", index: int) -> None:
+        self.index = index
+        self.channel = f"can{index}"
+        self.ended = False  # a release has begun
+        self._status: int | None = _NO_DEVICE  # of the opening; None while that runs
+        self._process = os.getpid()  # a child that fork made has a copy, and releases nothing
+        self._lock = threading.RLock()
+        self._questions = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._link_before = self._link()
+        self._link_when_opened: int | None = None
+        self._finalizer = weakref.ref(bus, lambda _: self.release())
+        held = _held.get(index)
+        if held is not None and (held.ended or held._finalizer() is None):
+            held.release()  # another thread is at it, or was interrupted
+        if _held.setdefault(index, self) is not self:
+            self._questions.close()
+            raise can.CanInitializationError(
+                f"{self.channel} is open in this process already: shut that bus down first"
+            )
+
+    def open(self, *rates: int) -> None:
+        """Configures the interface and brings it up."""
+        self._status = None
+        self._status = _uninterrupted(_library.corvel_initDLL, self.index, *rates)
+        if self._status == _NO_DEVICE:
+            taken = _library.corvel_writeMessage(self.index, None) != _NO_DEVICE
+            raise can.CanInitializationError(
+                f"{self.channel} is open in this process already, by code that does not use "
+                "python-can"
+                if taken
+                else f"no interface {self.channel}: `ip link` lists them",
+                self._status,
+            )
+        if self._status != _SUCCESS:
+            raise can.CanInitializationError(
+                f"{self.channel} could not be configured: see sudo's or ip's message (permissions, "
+                f"rates). If it says busy: sudo ip link set {self.channel} down",
+                self._status,
+            )
+        self._link_when_opened = self._link()
+
+    def release(self) -> None:
+        """Takes the link down. Any thread may call it, and again: it completes a release that was
+        interrupted, and does nothing after a complete one."""
+        self.ended = True
+        if self._process != os.getpid():
+            return
+        with self._lock:
+            if _held.get(self.index) is self:
+                _uninterrupted(self._undo)
+                self._questions.close()
+                _held.pop(self.index, None)
+
+    def _undo(self) -> None:
+        """Undoes an opening. After a failure, the library leaves that to its caller."""
+        if self._status in (None, _SUCCESS):
+            _library.corvel_freeDLL(self.index)
+        if self._status in (None, _OPEN_FAILED) and self._link_before == _DOWN:
+            if (self._link() or _DOWN) > _DOWN:
+                os.system(f"sudo ip link set {self.channel} down")
+
+    def check_link(self, status: int) -> None:
+        """Raises if the link that was opened is no longer there, or no longer up."""
+        if self._link_when_opened in (_GONE, None):  # as on a simulated bus of old
+            return
+        if self._link() not in (self._link_when_opened, None):
+            raise can.CanOperationError(
+                f"{self.channel} was pulled out, or its link taken down: shut the bus down, and "
+                "open it again when it is back",
+                status,
+            )
+
+    def _link(self) -> int | None:
+        """The kernel's number of the interface while it is up, _DOWN, _GONE, or None: unknown."""
+        request = struct.pack("40s", self.channel.encode())  # struct ifreq: the name, the answer
+        try:
+            answer = fcntl.ioctl(self._questions, _SIOCGIFFLAGS, request)
+            if not struct.unpack_from("H", answer, _IFNAMSIZ)[0] & _IFF_UP:
+                return _DOWN
+            answer = fcntl.ioctl(self._questions, _SIOCGIFINDEX, request)
+            return int(struct.unpack_from("i", answer, _IFNAMSIZ)[0])
+        except OSError as error:
+            return _GONE if error.errno == errno.ENODEV else None
+        except ValueError:  # a release has just closed the socket
+            return None
+
+
+@atexit.register
+@atexit.register  # twice, as an exception that a signal's handler raises ends one call
+def _end() -> None:
+    """Releases what the program left open."""
+    global _program_ends
+    _program_ends = True
+    for adapter in list(_held.values()):
+        adapter.release()
 
 
 def _kbits(name: str, rate: int) -> int:
@@ -99,8 +204,8 @@ def _kbits(name: str, rate: int) -> int:
 
 class CorvelBus(can.BusABC):
     """One adapter. Opening it configures its interface and brings it up; `shutdown`, the end of a
-    `with` block, of the object or of the program takes it down. (A signal that ends the process at
-    once, as SIGTERM without a handler, leaves it up.)
+    `with` block, of the object or of the program takes it down. (What ends the process at once
+    leaves it up: a SIGTERM without a handler, `os._exit`, `os.execv`.)
 
     Any thread may call `send`, `recv` and `shutdown`. A `recv` that waits holds up only other
     `recv`s, a `send` only other `send`s. Both end with `CanOperationError` when the bus is shut
@@ -146,35 +251,19 @@ class CorvelBus(can.BusABC):
             fd,
             _kbits("data_bitrate", 2_000_000 if data_bitrate is None else data_bitrate),
         )
-        self._index = int(number[1])
+        index = int(number[1])
         self._fd = fd
-        self.channel = f"can{self._index}"
+        self.channel = f"can{index}"
         self.channel_info = f"Corvel {self.channel}"
         if hasattr(can, "CanProtocol"):  # since python-can 4.3
             self._can_protocol = can.CanProtocol.CAN_FD if fd else can.CanProtocol.CAN_20
-
-        # The link is taken down in the end, whatever a signal's handler raises meanwhile.
-        owner = object()
-        self._open = weakref.finalize(self, _release, self._index, owner, os.getpid())
-        if _owners.setdefault(self._index, owner) is not owner:
-            self._open.detach()
-            raise can.CanInitializationError(
-                f"{self.channel} is open in this process already: shut that bus down first"
-            )
-        with _commands():
-            status = _library.corvel_initDLL(self._index, *rates)
-        if status != 0:
-            self._open.detach()
-            del _owners[self._index]
-            raise can.CanInitializationError(
-                f"no interface {self.channel}: `ip link` lists them"
-                if status == 1
-                else f"{self.channel} could not be configured: see sudo's or ip's message ("
-                f"permissions, rates). If it says busy: sudo ip link set {self.channel} down",
-                status,
-            )
-        self._opened = self._link()
-        super().__init__(channel=channel, can_filters=can_filters)
+        self._adapter = _Adapter(self, index)
+        try:
+            self._adapter.open(*rates)
+            super().__init__(channel=channel, can_filters=can_filters)
+        except BaseException:
+            self._adapter.release()
+            raise
 
     def send(self, msg: can.Message, timeout: float | None = None) -> None:
         """Hands a frame to the kernel, which is before it is on the bus.
@@ -188,8 +277,12 @@ class CorvelBus(can.BusABC):
         record = self._record(msg)
         limit = math.inf if timeout is None else time.monotonic() + timeout
         while True:
-            status = _library.corvel_writeMessage(self._index, record) if self._open.alive else 1
-            if status == 0:
+            status = (
+                _NO_DEVICE
+                if self._adapter.ended
+                else _library.corvel_writeMessage(self._adapter.index, record)
+            )
+            if status == _SUCCESS:
                 return
             self._check(status)
             if time.monotonic() >= limit:
@@ -223,16 +316,26 @@ class CorvelBus(can.BusABC):
             extended=msg.is_extended_id,
         )
 
+    def recv(self, timeout: float | None = None) -> can.Message | None:
+        """See `can.BusABC.recv`. Gives None when the program has begun to end."""
+        try:
+            return super().recv(timeout)
+        except can.CanOperationError:
+            if not _program_ends:
+                raise
+            time.sleep(_SLICE)  # a thread that asks again at once would slow the end
+            return None
+
     def _recv_internal(self, timeout: float | None) -> tuple[can.Message | None, bool]:
         """One read of at most a slice; `recv` goes on while there is time."""
         wait = _SLICE if timeout is None else max(0, min(timeout, _SLICE))
         record = _CanMsg()
         status = (
-            _library.corvel_readMessage(self._index, record, math.ceil(wait * 1000))
-            if self._open.alive
-            else 1
+            _NO_DEVICE
+            if self._adapter.ended
+            else _library.corvel_readMessage(self._adapter.index, record, math.ceil(wait * 1000))
         )
-        if status != 0:
+        if status != _SUCCESS:
             self._check(status)
             return None, False
         fd = self._fd and not record.remote
@@ -250,43 +353,24 @@ class CorvelBus(can.BusABC):
         )
         return message, False
 
-    def _link(self) -> tuple[int, int] | None:
-        """The interface's number in the kernel, and whether it is up; None when there is no
-        interface, as on the simulated bus."""
-        try:
-            request = struct.pack(
-                "40s", self.channel.encode()
-            )  # struct ifreq: name, and flags behind it
-            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as any_socket:
-                request = fcntl.ioctl(any_socket, _SIOCGIFFLAGS, request)
-            return (
-                socket.if_nametoindex(self.channel),
-                struct.unpack_from("H", request, 16)[0] & _IFF_UP,
-            )
-        except OSError:
-            return None
-
     def _check(self, status: int) -> None:
         """After a call that moved no frame: raises unless the next one may."""
-        if status == 1 or not self._open.alive:
+        if status == _NO_DEVICE or self._adapter.ended:
             raise can.CanOperationError(f"{self.channel} is shut down", status)
-        if self._link() != self._opened:
-            raise can.CanOperationError(
-                f"{self.channel} was pulled out, or its link taken down: shut the "
-                "bus down, and open it again when it is back",
-                status,
-            )
+        self._adapter.check_link(status)
 
     def shutdown(self) -> None:
-        """Takes the link down. Does nothing the second time."""
-        super().shutdown()
-        self._open()
+        """Takes the link down. Does nothing the second time, unless the first was interrupted."""
+        try:
+            super().shutdown()
+        finally:
+            self._adapter.release()
 
     @staticmethod
     def _detect_available_configs() -> list[Any]:
-        """The machine's interfaces canN (the simulated bus has none there)."""
+        """The interfaces canN."""
         return [
             {"interface": "corvel", "channel": int(name[3:])}
             for _, name in socket.if_nameindex()
-            if re.fullmatch("can(0|[1-9][0-9]*)", name)
+            if re.fullmatch(f"can{_NUMBER}", name)
         ]
