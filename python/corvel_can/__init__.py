@@ -18,11 +18,13 @@ import socket
 import struct
 import threading
 import time
+import warnings
 import weakref
 from collections.abc import Callable
 from typing import Any
 
 import can
+from can import typechecking
 
 __all__ = ["CorvelBus"]
 __version__ = "1.0.0"
@@ -194,12 +196,48 @@ def _end() -> None:
         adapter.release()
 
 
-def _kbits(name: str, rate: int) -> int:
-    """A rate as the library takes it."""
-    kbits, rest = divmod(rate, 1000)
+def _given(value: Any, default: Any) -> Any:
+    """An option, also as text of a configuration file, in which an empty one is none."""
+    return default if value is None or value == "" else value
+
+
+def _is_on(name: str, value: Any) -> bool:
+    """An option that is on or off."""
+    try:
+        return {"0": False, "false": False, "1": True, "true": True}[str(value).lower()]
+    except KeyError:
+        raise ValueError(f"{name}={value!r}: must be True or False") from None
+
+
+def _kbits(name: str, rate: Any) -> int:
+    """A bit rate as the library takes it."""
+    try:
+        kbits, rest = divmod(float(rate), 1000)
+    except (TypeError, ValueError):
+        raise ValueError(f"{name}={rate!r}: must be a number") from None
     if rest or not 1 <= kbits <= 4294967:
-        raise ValueError(f"{name}={rate}: must be a multiple of 1000 bit/s, up to 4294967000")
+        raise ValueError(f"{name}={rate!r}: must be a multiple of 1000 bit/s, up to 4294967000")
     return int(kbits)
+
+
+def _rates(timing: Any, fd: bool) -> list[float]:
+    """The bit rates of a timing. Its sample points must be those that the library has links
+    configured with, or as near as its number of quanta allows."""
+    if fd:
+        sample_point = 75.0
+        phases = [
+            (timing.nom_bitrate, timing.nom_sample_point, timing.nbt),
+            (timing.data_bitrate, timing.data_sample_point, timing.dbt),
+        ]
+    else:
+        sample_point = 87.5
+        phases = [(timing.bitrate, timing.sample_point, timing.nbt)]
+    for _, wanted, quanta in phases:
+        if abs(wanted - sample_point) * quanta > 50:  # half a quantum, in percent
+            raise can.CanInterfaceNotImplementedError(
+                f"timing: the adapter samples at {sample_point} %, not at {wanted:.1f} %"
+            )
+    return [rate for rate, _, _ in phases]
 
 
 class CorvelBus(can.BusABC):
@@ -215,55 +253,75 @@ class CorvelBus(can.BusABC):
 
     def __init__(
         self,
-        channel: int | str,
-        can_filters: Any = None,
-        bitrate: int = 500_000,
-        fd: bool = False,
-        data_bitrate: int | None = None,
+        channel: typechecking.Channel | None = 0,
+        can_filters: typechecking.CanFilters | None = None,
+        bitrate: int | str | None = None,
+        fd: bool | str | None = False,
+        data_bitrate: int | str | None = None,
+        timing: Any = None,
         **kwargs: Any,
     ) -> None:
-        """Configures and opens an adapter.
+        """Configures and opens an adapter. None and empty text mean the default, and numbers may
+        be text, as in configuration files.
 
         :param channel: number N of its interface canN: 0, "0" or "can0"
         :param can_filters: see `can.BusABC.set_filters`; applied in software
-        :param bitrate: in bit/s, a multiple of 1000
+        :param bitrate: in bit/s, a multiple of 1000; 500000 unless given
         :param fd: CAN FD. Every frame is then sent as a CAN FD frame with bit-rate switch.
         :param data_bitrate: of CAN FD, in bit/s, a multiple of 1000; 2000000 unless given
-        :param kwargs: `single_handle` makes no difference. Every other option is refused unless
-            it is None or False: `receive_own_messages`, `timing`, ...
+        :param timing: `can.BitTiming`, or `can.BitTimingFd`, which means CAN FD: in the place of
+            the rates. It must sample at 87.5 %, or with CAN FD at 75 %.
+        :param kwargs: `single_handle` and `state=BusState.ACTIVE` make no difference. Every other
+            option is refused unless it is None or off: `receive_own_messages`, ...
         :raises ValueError: if a parameter is out of range
         :raises can.CanInterfaceNotImplementedError: if an option cannot be had
         :raises can.CanInitializationError: if there is no such interface, it is open in this
             process or could not be configured
         """
-        number = re.fullmatch("(?:can)?(0|[1-9][0-9]{0,8})", str(channel))
+        number = re.fullmatch(f"(?:can)?{_NUMBER}", str(_given(channel, 0)))
         if number is None:
             raise ValueError(f'channel={channel!r}: must be the N of an interface canN, or "canN"')
-        for option, value in kwargs.items():
-            if option != "single_handle" and value not in (None, False):
-                raise can.CanInterfaceNotImplementedError(
-                    f"{option}={value!r} cannot be had from the adapter"
-                )
-        if data_bitrate is not None and not fd:
-            raise ValueError(f"data_bitrate={data_bitrate}: needs fd=True")
-        rates = (
-            _kbits("bitrate", bitrate),
-            fd,
-            _kbits("data_bitrate", 2_000_000 if data_bitrate is None else data_bitrate),
-        )
         index = int(number[1])
+        harmless = [("state", "ACTIVE"), ("state", can.BusState.ACTIVE)]
+        for option, value in kwargs.items():
+            if option == "single_handle" or (option, value) in harmless:
+                continue
+            if str(_given(value, False)).lower() not in ("false", "0"):
+                raise can.CanInterfaceNotImplementedError(
+                    f"{option}={value!r} cannot be had from the adapter with python-can "
+                    f"{can.__version__}"
+                )
+        fd = _is_on("fd", _given(fd, False))
+        if _given(data_bitrate, None) and not fd:
+            raise ValueError(f"data_bitrate={data_bitrate}: needs fd=True")
+        rates = [_given(bitrate, 500_000), _given(data_bitrate, 2_000_000)]
+        if _given(timing, None):
+            with_fd = isinstance(timing, getattr(can, "BitTimingFd", ()))  # since python-can 4.2
+            if not with_fd and (fd or not isinstance(timing, can.BitTiming)):
+                raise ValueError(
+                    f"timing={timing!r}: must be a BitTiming, or with fd=True a BitTimingFd, which "
+                    f"python-can has since 4.2 (this is {can.__version__})"
+                )
+            fd = with_fd
+            rates[: 1 + fd] = _rates(timing, fd)
+        nominal, data = map(_kbits, ("bitrate", "data_bitrate"), rates)
+
         self._fd = fd
+        self._warned = False
         self.channel = f"can{index}"
         self.channel_info = f"Corvel {self.channel}"
         if hasattr(can, "CanProtocol"):  # since python-can 4.3
             self._can_protocol = can.CanProtocol.CAN_FD if fd else can.CanProtocol.CAN_20
         self._adapter = _Adapter(self, index)
         try:
-            self._adapter.open(*rates)
+            self._adapter.open(nominal, fd, data)
             super().__init__(channel=channel, can_filters=can_filters)
         except BaseException:
             self._adapter.release()
             raise
+
+    def __reduce__(self) -> Any:
+        raise TypeError(f"a bus cannot be pickled: open {self.channel} where it is used")
 
     def send(self, msg: can.Message, timeout: float | None = None) -> None:
         """Hands a frame to the kernel, which is before it is on the bus.
@@ -275,6 +333,12 @@ class CorvelBus(can.BusABC):
         :raises can.CanOperationError: if the bus is shut down, or the link down or gone
         """
         record = self._record(msg)
+        if self._fd and not msg.is_fd and not self._warned:
+            self._warned = True
+            warnings.warn(
+                f"{self.channel} was opened with fd=True and sends classic messages as CAN FD too",
+                stacklevel=2,
+            )
         limit = math.inf if timeout is None else time.monotonic() + timeout
         while True:
             status = (
@@ -367,7 +431,7 @@ class CorvelBus(can.BusABC):
             self._adapter.release()
 
     @staticmethod
-    def _detect_available_configs() -> list[Any]:
+    def _detect_available_configs() -> list[typechecking.AutoDetectedConfig]:
         """The interfaces canN."""
         return [
             {"interface": "corvel", "channel": int(name[3:])}
