@@ -162,8 +162,6 @@ class _Adapter:
 
     def check_link(self, status: int) -> None:
         """Raises if the link that was opened is no longer there, or no longer up."""
-        if self._link_when_opened in (_GONE, None):  # as on a simulated bus of old
-            return
         if self._link() not in (self._link_when_opened, None):
             raise can.CanOperationError(
                 f"{self.channel} was pulled out, or its link taken down: shut the bus down, and "
@@ -199,6 +197,14 @@ def _end() -> None:
 def _given(value: Any, default: Any) -> Any:
     """An option, also as text of a configuration file, in which an empty one is none."""
     return default if value is None or value == "" else value
+
+
+def _index(channel: typechecking.Channel) -> int:
+    """The N of an interface canN."""
+    number = re.fullmatch(f"(?:can)?{_NUMBER}", str(channel))
+    if number is None:
+        raise ValueError(f'channel={channel!r}: must be the N of an interface canN, or "canN"')
+    return int(number[1])
 
 
 def _is_on(name: str, value: Any) -> bool:
@@ -278,10 +284,7 @@ class CorvelBus(can.BusABC):
         :raises can.CanInitializationError: if there is no such interface, it is open in this
             process or could not be configured
         """
-        number = re.fullmatch(f"(?:can)?{_NUMBER}", str(_given(channel, 0)))
-        if number is None:
-            raise ValueError(f'channel={channel!r}: must be the N of an interface canN, or "canN"')
-        index = int(number[1])
+        index = _index(_given(channel, 0))
         harmless = [("state", "ACTIVE"), ("state", can.BusState.ACTIVE)]
         for option, value in kwargs.items():
             if option == "single_handle" or (option, value) in harmless:
