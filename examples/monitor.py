@@ -10,12 +10,18 @@ import can
 
 parser = argparse.ArgumentParser(description=__doc__)
 parser.add_argument("channel", nargs="?", default="0", help="the N of an interface canN")
-channel = parser.parse_args().channel
+parser.add_argument("-b", "--bitrate", default=500000, help="in bit/s (500000)")
+parser.add_argument("-d", "--data-bitrate", help="in bit/s; selects CAN FD")
+words = parser.parse_args()
+options = {"bitrate": words.bitrate}
+if words.data_bitrate is not None:
+    options.update(fd=True, data_bitrate=words.data_bitrate)
 for number in (signal.SIGTERM, signal.SIGHUP):  # end as Ctrl-C does, which takes the link down
     signal.signal(number, signal.default_int_handler)
 sys.stdout.reconfigure(line_buffering=True)
-with contextlib.suppress(KeyboardInterrupt), can.Bus(interface="corvel", channel=channel) as bus:
-    print(f"monitor.py: {bus.channel} is open", file=sys.stderr)
-    log = can.CanutilsLogWriter(sys.stdout, channel=bus.channel)
-    for message in bus:
-        log(message)
+with contextlib.suppress(KeyboardInterrupt):
+    with can.Bus(interface="corvel", channel=words.channel, **options) as bus:
+        print(f"monitor.py: {bus.channel} is open", file=sys.stderr)
+        log = can.CanutilsLogWriter(sys.stdout, channel=bus.channel)
+        for message in bus:
+            log(message)
