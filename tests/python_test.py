@@ -45,8 +45,7 @@ REFUSED_FD_FRAMES = {
     "12 bytes": frame(data=bytes(12), is_fd=True),
 }
 EMPTY = {"channel": "", "bitrate": "", "fd": "", "data_bitrate": "", "timing": "", "app_name": ""}
-OFF = {"fd": "0", "receive_own_messages": "False", "state": "ACTIVE"}
-NO_DIFFERENCE = {"single_handle": True, "state": can.BusState.ACTIVE}
+OFF = {"fd": "0", "receive_own_messages": "False", "single_handle": 1, "state": "ACTIVE"}
 CLASSIC = "can0 up type can bitrate 500000 sample-point 0.875"
 FD = "can0 up type can bitrate 500000 sample-point 0.75 dbitrate 2000000"
 ACCEPTED = [  # options, and what the command says
@@ -54,7 +53,7 @@ ACCEPTED = [  # options, and what the command says
     (EMPTY, CLASSIC),
     (dict.fromkeys(EMPTY), CLASSIC),
     (OFF, CLASSIC),
-    (NO_DIFFERENCE, CLASSIC),
+    ({"state": can.BusState.ACTIVE}, CLASSIC),
     ({"fd": True}, FD),
     ({"fd": "True"}, FD),
     ({"fd": "1", "data_bitrate": "1000"}, "bitrate 500000 sample-point 0.75 dbitrate 1000 "),
@@ -169,6 +168,7 @@ class CorvelBusTest(unittest.TestCase):
                     with self.subTest(name), self.assertRaises(ValueError):
                         bus.send(message)
                 self.assertIsNone(partner.recv(0))
+                self.assertEqual(str(bus), "Corvel can0")
 
     def test_sends_while_notifier_waits(self):
         with CorvelBus(0) as bus, CorvelBus(1) as partner:
@@ -213,16 +213,20 @@ class CorvelBusTest(unittest.TestCase):
                 CorvelBus(**options)
 
     def test_failed_openings(self):
-        for call, status, text in (
-            (simulated.Call.CACHE, 1, "no interface can0"),
-            (simulated.Call.SOCKET, 5, "could not be configured"),
-        ):
+        texts = {1: "no interface can0", 5: "could not be configured"}
+        for call, status in ((simulated.Call.CACHE, 1), (simulated.Call.SOCKET, 5)):
             with self.subTest(call):
                 simulated.fail_next(call, errno.EPERM)
-                with self.assertRaisesRegex(can.CanInitializationError, text) as caught:
+                with self.assertRaisesRegex(can.CanInitializationError, texts[status]) as caught:
                     CorvelBus()
                 self.assertEqual(caught.exception.error_code, status)
-                CorvelBus().shutdown()
+
+    def test_opening_again_in_the_except_clause(self):
+        simulated.fail_next(simulated.Call.SOCKET, errno.EPERM)
+        try:
+            CorvelBus()
+        except can.CanInitializationError:
+            CorvelBus().shutdown()
 
     def test_failed_second_command_leaves_the_link_as_it_was(self):
         self.set(SIMCAN_SUDO_FAIL="txqueuelen exit 2")
@@ -267,13 +271,23 @@ class CorvelBusTest(unittest.TestCase):
             bus.send(frame(2))
             self.assertEqual(partner.recv().arbitration_id, 2)
 
-    def test_error_frame(self):
-        def read(index, record, timeout):
+    def test_reads_of_the_library(self):
+        def read(index, record, wait):
             record.id = 0x20000000
+            waits.append(wait)
             return 0
 
+        waits = []
         with CorvelBus() as bus, mock.patch.object(corvel_can._library, "corvel_readMessage", read):
             self.assertTrue(bus.recv().is_error_frame)
+            for timeout in (5, 0.0001, 0, -1):
+                bus.recv(timeout)
+        self.assertEqual(waits, [200, 200, 1, 0, 0])
+
+    def test_shutdown_stops_periodic_tasks(self):
+        with CorvelBus() as bus:
+            bus.send_periodic(frame(), 60)
+        self.assertEqual(bus._periodic_tasks, [])
 
     def test_no_spare_descriptor(self):
         limits = resource.getrlimit(resource.RLIMIT_NOFILE)
@@ -286,7 +300,8 @@ class CorvelBusTest(unittest.TestCase):
 
     def test_ends_of_recv_and_send(self):
         for text, end in (
-            ("taken down", lambda bus: simulated.link_down(0)),
+            ("taken down", lambda _: simulated.link_down(0)),
+            ("shut down", lambda _: corvel_can._library.corvel_freeDLL(0)),
             ("shut down", CorvelBus.shutdown),
         ):
             bus = CorvelBus()
@@ -300,12 +315,12 @@ class CorvelBusTest(unittest.TestCase):
             bus.shutdown()
 
     def test_classic_message_on_fd_bus_warns_once(self):
-        with CorvelBus(fd=True) as bus, mock.patch("warnings.warn") as warn:
+        with CorvelBus(fd=True) as bus, self.assertWarns(UserWarning) as caught:
             bus.send(frame(is_fd=True))
-            warn.assert_not_called()
             bus.send(frame())
             bus.send(frame())
-            warn.assert_called_once()
+        self.assertEqual(len(caught.warnings), 1)
+        self.assertEqual(caught.filename, __file__)
 
     def test_pickling_is_refused(self):
         with CorvelBus() as bus, self.assertRaises(TypeError):
