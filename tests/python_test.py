@@ -81,8 +81,8 @@ REFUSED = [
 ]
 if hasattr(can, "BitTimingFd"):
     FD_TIMINGS = [
-        {"timing": can.BitTimingFd.from_sample_point(80_000_000, 500_000, 75, 4_000_000, point)}
-        for point in (75, 80)
+        {"timing": can.BitTimingFd.from_sample_point(80_000_000, 500_000, point, 4_000_000, 75)}
+        for point in (75, 85)
     ]
     ACCEPTED.append((FD_TIMINGS[0], "bitrate 500000 sample-point 0.75 dbitrate 4000000 "))
     REFUSED.append((NO_OPTION, FD_TIMINGS[1]))
@@ -313,6 +313,8 @@ class CorvelBusTest(unittest.TestCase):
                 with self.assertRaisesRegex(can.CanOperationError, text):
                     bus.send(frame())
             bus.shutdown()
+        with CorvelBus(), self.assertRaisesRegex(can.CanOperationError, "shut down"):
+            bus.send(frame())
 
     def test_classic_message_on_fd_bus_warns_once(self):
         with CorvelBus(fd=True) as bus, self.assertWarns(UserWarning) as caught:
