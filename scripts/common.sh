@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2034 # used by the scripts that source it
 # Sourced by the scripts: answers --help, goes to the project's folder, and installs packages.
-PATH=/usr/bin:/usr/sbin:/bin:/sbin:$PATH # Debian's own programs, before others of their names
+PATH=/usr/sbin:/usr/bin:/sbin:/bin:$PATH # Debian's own programs, before others of their names
 script=$(realpath "$0")
 
 # Prints the comment that a script begins with.
