@@ -70,7 +70,7 @@ bool isAcceptable(const std::string& name) {
 }
 
 bool runCommand(const DriverForSocketCan& driver, const std::string& command) {
-    int exitCode = 0;
+    int exitCode = -1;
     if (driver.systemExecute(command, exitCode)) return true;
     return CORVEL_FAIL("error execute system cmd, error:", exitCode);
 }
@@ -125,7 +125,7 @@ void wakeReadsOnDeadLink(int fd, const std::string& name) {
 }
 
 // Moves `fd` above the standard streams: what the application prints must not go onto the bus.
-// -1 on failure.
+// Negative on failure.
 int keepStandardStreamsFree(int fd) {
     if (fd < 0 || fd > STDERR_FILENO) return fd;
     const int moved = ::fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
@@ -245,7 +245,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
 
     desc.fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
     desc.fd = keepStandardStreamsFree(desc.fd);
-    if (desc.fd == -1) return CORVEL_FAIL("error while opening socket");
+    if (desc.fd < 0) return CORVEL_FAIL("error while opening socket");
     NewSocket socket{desc.fd};
     ::fcntl(desc.fd, F_SETFD, FD_CLOEXEC);  // programs the application starts stay off the bus
     socket.isReady = bindSocket(desc.fd, desc.name) && (!canFd || enableCanFd(desc.fd));
@@ -253,7 +253,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
 }
 
 void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
-    if (readsInside != 0) wakeReadsOnDeadLink(desc.fd, desc.name);
+    if (desc.fd != -1 && readsInside != 0) wakeReadsOnDeadLink(desc.fd, desc.name);
     closeSocket(desc.fd);
     if (!isAcceptable(desc.name)) return;
     const std::string down = "sudo ip link set " + desc.name + " down";

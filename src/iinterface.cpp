@@ -36,10 +36,10 @@ struct IInterface::Session {
     // lowered meanwhile, but no such number is handed out.
     void reserveNumber(int& fd) {
         const int dead = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (dead == -1) return;
+        if (dead < 0) return;
         const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        if (copy != -1) {
-            if (::dup3(dead, fd, O_CLOEXEC) != -1) {
+        if (copy >= 0) {
+            if (::dup3(dead, fd, O_CLOEXEC) >= 0) {
                 reserved = std::exchange(fd, copy);
             } else {
                 ::close(copy);
