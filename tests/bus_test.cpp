@@ -240,5 +240,4 @@ TEST_F(KernelTest, ARemovedAdapterDeliversNoFrameOfAnotherInterface) {
         EXPECT_EQ(corvel_freeDLL(1), CORVEL_SUCCESS);  // its writes wait: it has no partner
     }
     EXPECT_EQ(foreign, 0);
-    EXPECT_GT(own, 0);
 }

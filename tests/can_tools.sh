@@ -9,7 +9,7 @@ PATH=$path # where the bus's own sudo comes first
 [[ $# -eq 1 && -x $1/gateway ]] || refuse "no build with examples: $*"
 build=$(realpath "$1")
 work=$(mktemp -d)
-trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$work"' EXIT
+trap 'kill $(jobs -p) 2>/dev/null || true; wait; rm -rf "$work"' EXIT
 cd "$work"
 bring_up() {
     [ -n "${SIMCAN_KERNEL-}" ] || return 0
@@ -24,37 +24,43 @@ arrives() { # FRAME SENDER LOG
     grep -q "$1" "$3"
 }
 # Logs frames from the first that is seen to arrive to the last, neither of which is kept.
+declare -A listeners
 listen() { # LOG SENDER WHAT-CANDUMP-TAKES
     candump -L "$3" >"$1.raw" &
+    listeners[$1]=$!
     eventually arrives 1FFFFFFE#AA "$2" "$1.raw"
 }
 finish() { # LOG SENDER
     eventually arrives 1FFFFFFE#EE "$2" "$1.raw"
+    kill "${listeners[$1]}"
     sed '/ 1FFFFFFE#/d; s/.* //' "$1.raw" >"$1"
 }
-same() { # WHAT COUNT LOG LOG
-    diff "$3" "$4"
-    test "$(wc -l <"$3")" = "$2"
-    echo "$1: $2 frames, all equal"
+same() { # WHAT LOG LOG
+    diff "$2" "$3"
+    test "$(wc -l <"$2")" = 200
+    echo "$1: 200 frames, all equal"
 }
 shows() { # LOG FRAMES...
     diff "$1" <(printf '%s\n' "${@:2}")
 }
+# What cangen sends on an interface reaches other programs there, and on another interface.
+reaches() { # WHAT FROM TO FILTER CANGEN-WORDS...
+    listen near "$2" "$2$4"
+    listen far "$2" "$3$4"
+    cangen "$2" -g 1 -n 200 "${@:5}"
+    finish near "$2"
+    finish far "$2"
+    same "$1" near far
+}
 
-# What cangen sends reaches other programs on the same interface, and on another.
-listen near can1 can0
-listen far can1 can1
-cangen can0 -m -R -g 0.5 -n 400
-finish near can1
-finish far can1
-same cangen 400 near far
+reaches 'random frames of all kinds' can0 can1 '' -m -R
 
 # canplayer is bound to no interface, and names one for each frame.
 grep -v 1FFFFFFE# far.raw >recorded
 listen played can0 can0
 canplayer -I recorded can1=can1
 finish played can0
-same canplayer 400 far played
+same 'by canplayer' far played
 
 # Filters, and error frames, which only those get who ask for them.
 marker=1FFFFFFE:1FFFFFFF
@@ -86,37 +92,22 @@ taskset -c 0 canfdtest -g -l 200 can0 >log
 grep -x 'Test messages sent and received: 200' log || { cat log; exit 1; }
 kill $partner
 
-# CAN FD frames, to the library.
+# CAN FD frames, to the library; the monitor shows no flags.
 "$build/monitor" 1 500 2000 >monitored.raw 2>log &
-monitor=$!
+listeners[monitored]=$!
 eventually grep -q 'is open' log
-listen fd_sent can1 can0
-cangen can0 -f -b -L 8 -g 1 -n 200
-finish fd_sent can1
-finish monitored can1
-sed -i 's/##./#/' fd_sent # the monitor shows no flags
-same 'CAN FD to the monitor' 200 fd_sent monitored
-kill $monitor
-wait $monitor
+reaches 'CAN FD' can0 can1 '' -f -b -L 8
+finish monitored can0
+sed -i 's/##./#/' far
+same 'to the monitor' far monitored
+wait "${listeners[monitored]}"
 bring_up
 
-# The library: a gateway passes frames between the buses, extended ones from one, standard ones back.
+# The library's gateway passes extended frames from one bus, and standard ones back.
 "$build/gateway" 0 2 >/dev/null 2>log &
 gateway=$!
 eventually grep -q 'are open' log
-extended=80000000:80000000
-standard=0:80000000,$marker
-listen near1 can1 can1,$extended
-listen far1 can1 can3,$extended
-listen near3 can3 can3,$standard
-listen far3 can3 can1,$standard
-cangen can1 -e -R -g 1 -n 200 &
-sender=$!
-cangen can3 -R -g 1 -n 200
-wait $sender
-for log in near1 far1; do finish $log can1; done
-for log in near3 far3; do finish $log can3; done
-same 'through the gateway' 200 near1 far1
-same 'and back' 200 near3 far3
+reaches 'through the gateway' can1 can3 ,80000000:80000000 -e -R
+reaches 'and back' can3 can1 ,0:80000000,$marker -R
 kill $gateway
 wait $gateway

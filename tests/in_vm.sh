@@ -16,8 +16,6 @@ holds() { # FILE TEXTS...
 mkdir -p /opt/corvel/fast
 cp "$1"/{exchange,monitor,gateway,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
 cp -r "$1/simcan" "$root"/{python,tests/python_test.py} /opt/corvel
-mkdir /opt/corvel/python/corvel_can-1.dist-info # as when it is installed
-printf '[can.interface]\ncorvel = corvel_can:CorvelBus\n' >/opt/corvel/python/corvel_can-1.dist-info/entry_points.txt
 export LD_LIBRARY_PATH=/opt/corvel PYTHONPATH=/opt/corvel/python PYTHONDONTWRITEBYTECODE=1
 PATH=/opt/corvel/fast:/opt/corvel:$PATH
 printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo

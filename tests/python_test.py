@@ -54,9 +54,7 @@ ACCEPTED = [  # options, and what the command says
     ({"state": can.BusState.ACTIVE}, CLASSIC),
     ({"fd": True}, FD),
     ({"fd": "1", "data_bitrate": "1000"}, "bitrate 500000 sample-point 0.75 dbitrate 1000 "),
-    ({"channel": "1", "bitrate": "1000"}, "can1 up type can bitrate 1000 "),
     (timing(13, 2), "bitrate 250000 sample-point 0.875"),
-    (timing(6, 1), "bitrate 500000 sample-point 0.875"),
 ]
 NO_OPTION = can.CanInterfaceNotImplementedError
 REFUSED = [
@@ -68,12 +66,10 @@ REFUSED = [
     (can.CanInitializationError, {"bitrate": 4294967000}),  # which no adapter makes
     (ValueError, {"bitrate": "fast"}),
     (ValueError, {"data_bitrate": 2000000}),
-    (ValueError, {"fd": 2}),
     (ValueError, {"timing": "fast"}),
     (ValueError, {**timing(13, 2), "fd": True}),
     (NO_OPTION, timing(12, 3)),
     (NO_OPTION, {"receive_own_messages": True}),
-    (NO_OPTION, {"app_name": "a"}),
     (NO_OPTION, {"state": can.BusState.PASSIVE}),
 ]
 if hasattr(can, "BitTimingFd"):
@@ -120,10 +116,7 @@ def interrupted(opcode, call, *arguments):
 class CorvelBusTest(unittest.TestCase):
     def setUp(self):
         self.log = self.enterContext(tempfile.NamedTemporaryFile("r"))
-        self.set(SIMCAN_SUDO_LOG=self.log.name)
-
-    def set(self, **variables):
-        self.enterContext(mock.patch.dict(os.environ, variables))
+        self.enterContext(mock.patch.dict(os.environ, SIMCAN_SUDO_LOG=self.log.name))
 
     def commands(self):
         """Those since the last time."""
@@ -165,7 +158,6 @@ class CorvelBusTest(unittest.TestCase):
                     with self.subTest(name), self.assertRaises(ValueError):
                         bus.send(message)
                 self.assertIsNone(partner.recv(0))
-                self.assertEqual(str(bus), "Corvel can0")
 
     def test_sends_while_notifier_waits(self):
         with CorvelBus(0) as bus, CorvelBus(1) as partner:
@@ -223,7 +215,7 @@ class CorvelBusTest(unittest.TestCase):
                     CorvelBus().shutdown()
 
     def test_failed_second_command_leaves_the_link_as_it_was(self):
-        self.set(SIMCAN_SUDO_FAIL="txqueuelen exit 2")
+        self.enterContext(mock.patch.dict(os.environ, SIMCAN_SUDO_FAIL="txqueuelen exit 2"))
         for before in (False, True):
             with self.subTest(before), self.assertRaises(can.CanInitializationError):
                 with mock.patch.object(corvel_can._Adapter, "_link", side_effect=[before, True]):
