@@ -23,7 +23,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-install_packages "${build_packages[@]}" "${docs_packages[@]}" clang libgtest-dev valgrind can-utils python3-can &&
+install_packages "${build_packages[@]}" "${docs_packages[@]}" clang libgtest-dev valgrind can-utils python3-can python3-pytest &&
     install_packages "libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev" || exit 1
 mkdir -p build
 log=build/test.log
