@@ -11,31 +11,29 @@
  *
  * Raw CAN sockets are as the kernel's: addresses, filters, options, flags of messages, time stamps,
  * queues, who receives which frame, and errno. What differs:
- * - Links are never configured and are up from the start. `system` is not touched: the `sudo`
- * beside this library takes the place of the real one when its folder comes first in PATH.
+ * - Links are never configured and are up from the start. The commands that would configure them
+ *   are accepted by a `sudo` beside this library, whose folder comes first in PATH.
  * - Frames arrive at once: no bit rate, no arbitration, no errors. A write never waits for room and
  *   never fails with ENOBUFS, unless ordered by simcan_failNext().
  * - When an interface is taken down, the next read of each socket on it fails with ENETDOWN, as in
  *   the kernel, but frames that came before are read first, and a socket whose queue is full is not
- *   told. A process knows that a link is down from the time when one of its sockets has nothing
- *   before that to read: then SIOCGIFFLAGS says so and writes fail with ENETDOWN, until the process
- *   binds a socket to it. Other processes know nothing of that.
+ *   told. A process knows that a link is down once the report is the next that one of its sockets
+ *   has to read. From then on SIOCGIFFLAGS says so and writes fail with ENETDOWN, until the process
+ *   binds a socket to the link. Other processes know nothing of that.
  * - A socket that is bound to all interfaces (index 0) receives a frame once, and not once on each
- *   interface of the bus. It is told of no link that goes down, as in the kernel.
- * - Filters take memory of the socket: some hundred are possible (net.core.optmem_max).
+ *   interface of the bus. No socket receives on one interface what it sent on another itself.
+ * - Filters take memory of the socket: 160 are possible where net.core.optmem_max is 20480.
  * - recvmmsg and sendmmsg fail with EOPNOTSUPP; SO_RCVLOWAT, SO_BINDTODEVICE and socket filters of
  *   one's own with ENOPROTOOPT; CAN_BCM, CAN_ISOTP, CAN_J1939 with EPROTONOSUPPORT, as in a kernel
  *   without these modules. CAN XL is unknown.
- * - Outside the bus are: static programs, others that make system calls without the C library, and
- *   libraries in a namespace of their own (dlmopen). Interfaces are not listed by netlink sockets
- * (ip link), but for libnl's rtnl_link_alloc_cache.
+ * - Outside the bus are static programs, others that make system calls without the C library, and
+ *   libraries in a namespace of their own (dlmopen). Of the ways to list interfaces, if_nameindex
+ *   and libnl's rtnl_link_alloc_cache show the simulated ones, netlink sockets (`ip link`) do not.
  * - In a network namespace whose loopback interface is down, it is brought up, or nothing opens.
  *
- * An application's tests can have calls and commands fail that a healthy bus never fails: see
- * examples/failures.c. The functions are weak: a program that calls them need not be linked with
- * libsimcan.so, and finds them null where it is not preloaded. SIMCAN_SUDO_FAIL="WORD HOW N" in the
- * environment ends a command that has WORD among its arguments: "exit N" with status N, "kill N"
- * from signal N.
+ * An application's tests can have calls and commands fail that a healthy bus never fails:
+ * docs/testing.md shows how. The functions are weak: a program that calls them need not be linked
+ * with libsimcan.so, and finds them null where it is not preloaded.
  */
 #ifndef SIMCAN_H
 #define SIMCAN_H
