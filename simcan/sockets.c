@@ -370,6 +370,7 @@ EXPORT ssize_t recvfrom(int fd, void* data, size_t size, int flags, struct socka
                         socklen_t* addressSize) {
     struct state state;
     if (!readState(fd, &state)) return REAL(recvfrom)(fd, data, size, flags, address, addressSize);
+    if (address != NULL && addressSize == NULL) return fail(EFAULT);
     const struct iovec part = {data, size};
     struct msghdr message = {.msg_name = address, .msg_namelen = address ? *addressSize : 0};
     const ssize_t received = receive(fd, state, &part, 1, &message, flags);
