@@ -139,7 +139,7 @@ TEST_F(BusTest, ManyFramesArriveInOrder) {
         ++sent;
         return true;
     });
-    for (int32_t number; taken < total; ++taken) {
+    for (int32_t number = -1; taken < total; ++taken) {
         ASSERT_EQ(read(1, 5000, &number), CORVEL_SUCCESS) << "after " << taken;
         ASSERT_EQ(number, taken) << "lost, doubled or out of order";
     }

@@ -110,6 +110,7 @@ def interrupted(opcode, call, *arguments):
         pass
     finally:
         sys.settrace(None)
+        signal.pthread_sigmask(signal.SIG_SETMASK, ())  # it may have come just before that
     return opcode <= 0
 
 
