@@ -15,7 +15,7 @@ holds() { # FILE TEXTS...
 # The build where any user can read it; and a sudo for root that takes no second to think.
 mkdir -p /opt/corvel/fast
 cp "$1"/{exchange,monitor,gateway,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
-cp -r "$1/simcan" "$root"/{python,tests/python_test.py} /opt/corvel
+cp -r "$1/simcan" "$root"/{python,scripts,tests} /opt/corvel
 export LD_LIBRARY_PATH=/opt/corvel PYTHONPATH=/opt/corvel/python PYTHONDONTWRITEBYTECODE=1
 PATH=/opt/corvel/fast:/opt/corvel:$PATH
 printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo
@@ -31,7 +31,7 @@ tests() { # COMMAND...: runs tests of the bus
 }
 python_tests() { # NUMBER WORDS COMMAND...: as many tests, from Python
     # shellcheck disable=SC2086 # several words
-    "${@:3}" /usr/bin/python3 /opt/corvel/python_test.py $2 >out 2>&1 || { cat out; return 1; }
+    "${@:3}" /usr/bin/python3 /opt/corvel/tests/python_test.py $2 >out 2>&1 || { cat out; return 1; }
     holds out "Ran $1 test"
 }
 permissions() {
@@ -122,7 +122,7 @@ virtual_interfaces() {
     chmod 711 /  # which an ordinary user cannot open then
     tests on_pair exchange
     tests on_pair bus_test
-    tests on_pair "$root/tests/can_tools.sh" /opt/corvel
+    tests on_pair /opt/corvel/tests/can_tools.sh /opt/corvel
     python_tests 2 '-k frames -k notifier' on_pair
     for _ in 1 2 3 4 5 6; do removed_by 'ip link del can0' on_pair bus_test; done
     sysctl -q user.max_user_namespaces=0
