@@ -83,6 +83,7 @@ static void addFilters(struct program* program, struct state state,
         const canid_t mask = settings->filters[i].can_mask;
         if ((mask & CAN_ERR_FLAG) != 0) errors |= mask & CAN_ERR_MASK;
     }
+    if (joined && settings->count > 1) errors = 0;  // no error frame matches all of them
     load(program, offsetof(struct packet, frame.can_id));
     add(program, BPF_ST, 0, 0, 0);
     add(program, BPF_JMP | BPF_JSET | BPF_K, 0, 3, htonl(CAN_ERR_FLAG));
@@ -91,7 +92,10 @@ static void addFilters(struct program* program, struct state state,
     for (uint32_t i = 0; i < settings->count; i++) {
         const canid_t id = settings->filters[i].can_id;
         canid_t mask = settings->filters[i].can_mask;
-        if ((mask & CAN_ERR_FLAG) != 0) continue;
+        if ((mask & CAN_ERR_FLAG) != 0) {  // which no frame but an error frame matches
+            if (joined) add(program, BPF_RET | BPF_K, 0, 0, 0);
+            continue;
+        }
         if ((mask & CAN_EFF_FLAG) != 0 && (id & CAN_EFF_FLAG) == 0) {
             mask &= CAN_SFF_MASK | CAN_EFF_FLAG | CAN_RTR_FLAG;
         }

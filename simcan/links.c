@@ -48,8 +48,8 @@ static void readLinks(void) {
     char* list = strdup(setting());
     char* rest = NULL;
     int found = 0;
-    for (char* word = list ? strtok_r(list, " ", &rest) : NULL; word != NULL;
-         word = strtok_r(NULL, " ", &rest)) {
+    for (char* word = list ? strtok_r(list, " \t\n", &rest) : NULL; word != NULL;
+         word = strtok_r(NULL, " \t\n", &rest)) {
         char* colon = strchr(word, ':');
         if (colon != NULL) *colon = '\0';
         if (*word == '\0' || strlen(word) >= IFNAMSIZ || found == LINK_LIMIT) {
@@ -131,7 +131,7 @@ EXPORT struct if_nameindex* if_nameindex(void) {
     while (list != NULL && list[size].if_index != 0) size++;
     struct if_nameindex* all = realloc(list, (size + (size_t)linkCount() + 1) * sizeof *all);
     if (all == NULL) {
-        if_freenameindex(list);
+        if (list != NULL) if_freenameindex(list);
         errno = ENOBUFS;
         return NULL;
     }

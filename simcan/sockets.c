@@ -146,6 +146,10 @@ EXPORT int getsockname(int fd, struct sockaddr* address, socklen_t* size) {
     return 0;
 }
 
+EXPORT int shutdown(int fd, int how) {
+    return isCan(fd) ? fail(EOPNOTSUPP) : REAL(shutdown)(fd, how);
+}
+
 // Options
 
 static int optionBit(int option) {
@@ -216,8 +220,12 @@ EXPORT int getsockopt(int fd, int level, int option, void* value, socklen_t* siz
     }
     struct settings settings;
     readSettings(fd, &settings);
-    if (option == CAN_RAW_FILTER)
-        return give(value, size, settings.filters, settings.count * sizeof *settings.filters);
+    if (option == CAN_RAW_FILTER) {
+        const size_t needed = settings.count * sizeof *settings.filters;
+        if (*size >= needed) return give(value, size, settings.filters, needed);
+        *size = (socklen_t)needed;
+        return fail(ERANGE);
+    }
     if (option == CAN_RAW_ERR_FILTER)
         return give(value, size, &settings.errors, sizeof settings.errors);
     const int bit = optionBit(option);
@@ -248,8 +256,7 @@ static ssize_t sendFrame(int fd, struct state state, struct packet* packet, size
     struct link* link = linkOf(state);
     if (address != NULL) {
         if (addressSize < ADDRESS_SIZE || address->sa_family != AF_CAN) return fail(EINVAL);
-        const int index = ((const struct sockaddr_can*)address)->can_ifindex;
-        if (index != 0) link = linkAt(index);
+        link = linkAt(((const struct sockaddr_can*)address)->can_ifindex);
     }
     if (link == NULL) return fail(ENXIO);
     const int fits =  // a classic frame has its length in the same place
@@ -283,7 +290,8 @@ EXPORT ssize_t sendmsg(int fd, const struct msghdr* message, int flags) {
     struct packet packet;
     if (!readState(fd, &state)) return REAL(sendmsg)(fd, message, flags);
     const size_t size = gather(&packet, message->msg_iov, message->msg_iovlen);
-    return sendFrame(fd, state, &packet, size, flags, message->msg_name, message->msg_namelen);
+    const struct sockaddr* const address = message->msg_namelen != 0 ? message->msg_name : NULL;
+    return sendFrame(fd, state, &packet, size, flags, address, message->msg_namelen);
 }
 
 EXPORT ssize_t writev(int fd, const struct iovec* parts, int count) {
