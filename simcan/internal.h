@@ -41,7 +41,8 @@ struct link {
     char name[IFNAMSIZ];
     uint32_t bus;
     uint32_t number;
-    atomic_int isDown;  // as far as this process was told, and until it binds a socket to it
+    _Atomic uint64_t upSince;  // when this process bound a socket to it, in nanoseconds
+    atomic_int isDown;         // as far as this process was told, and until it binds a socket to it
 };
 
 enum { LINK_LIMIT = 32 };
@@ -63,7 +64,8 @@ int failsNow(enum simcan_Call call);
 // Who gets a datagram: sockets on other links of the bus, all but the sender, or the sender alone.
 enum { OTHER_LINKS, OTHERS, SENDER };
 
-// How a datagram begins. One that holds no frame says that the link went down.
+// How a datagram begins. One that holds no frame says that the link went down, and has the time
+// of that in the place of the last two words.
 struct label {
     uint32_t bus, link;
     uint32_t socket;  // which sent it

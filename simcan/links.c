@@ -14,7 +14,7 @@
 
 #include "internal.h"
 
-enum { FIRST_INDEX = 100 };
+enum { FIRST_INDEX = 1000000 };  // which no real interface has
 
 struct Real real;
 struct link links[LINK_LIMIT];
@@ -98,7 +98,7 @@ int failsNow(enum simcan_Call call) {
 }
 
 EXPORT void simcan_failNext(enum simcan_Call call, int error) {
-    failures[call] = error;
+    if (call <= SIMCAN_CACHE) failures[call] = error;
 }
 
 // Tells, once in a process, why the system does not know an interface either.

@@ -13,6 +13,7 @@
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "internal.h"
 
@@ -117,6 +118,18 @@ EXPORT int socket(int domain, int type, int protocol) {
     return fail(error);
 }
 
+static uint64_t now(void) {
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return (uint64_t)time.tv_sec * 1000000000 + (uint64_t)time.tv_nsec;
+}
+
+// Takes note of a report, unless it tells of a time before the link was brought up again.
+static void noteReport(struct link* link, const struct label* report) {
+    const uint64_t time = (uint64_t)report->socket << 32 | report->audience;
+    if (time >= link->upSince) link->isDown = 1;
+}
+
 EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
     struct state state;
     if (!readState(fd, &state)) return REAL(bind)(fd, address, size);
@@ -124,7 +137,10 @@ EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
     const int index = ((const struct sockaddr_can*)address)->can_ifindex;
     struct link* const link = linkAt(index);
     if (index != 0 && link == NULL) return fail(ENODEV);
-    if (link != NULL) link->isDown = 0;  // who binds to it has brought it up
+    if (link != NULL) {  // who binds to it has brought it up
+        link->upSince = now();
+        link->isDown = 0;
+    }
     state.link = link != NULL ? (int)(link - links) : ALL_LINKS;
     struct settings settings;
     readSettings(fd, &settings);
@@ -239,14 +255,19 @@ EXPORT int getsockopt(int fd, int level, int option, void* value, socklen_t* siz
 static int isDown(int fd, struct link* link) {
     int next = 0;
     REAL(ioctl)(fd, FIONREAD, &next);
-    if (next == sizeof(struct label)) link->isDown = 1;
+    struct label report;
+    if (next == sizeof report &&
+        REAL(recv)(fd, &report, sizeof report, MSG_PEEK | MSG_DONTWAIT) == sizeof report) {
+        noteReport(link, &report);
+    }
     return link->isDown;
 }
 
 static ssize_t sendPacket(int fd, const struct packet* packet, size_t size, int flags) {
     const struct sockaddr_in bus = busAddress();
-    const ssize_t sent = REAL(sendto)(fd, packet, sizeof packet->label + size, flags,
-                                      (const struct sockaddr*)&bus, sizeof bus);
+    const ssize_t sent =
+        REAL(sendto)(fd, packet, sizeof packet->label + size, flags & (MSG_DONTWAIT | MSG_NOSIGNAL),
+                     (const struct sockaddr*)&bus, sizeof bus);
     return sent < 0 ? -1 : (ssize_t)size;
 }
 
@@ -350,7 +371,7 @@ static ssize_t receive(int fd, struct state state, const struct iovec* parts, si
     if (received < (ssize_t)sizeof packet.label) return -1;
     struct link* const link = receivedFrom(state, &packet.label);
     if (received == sizeof packet.label) {
-        if (link != NULL) link->isDown = 1;
+        if (link != NULL) noteReport(link, &packet.label);
         return fail(ENETDOWN);
     }
     const size_t size = (size_t)received - sizeof packet.label;
@@ -427,7 +448,8 @@ EXPORT void simcan_linkDown(const char* interface) {
     const int fd = link != NULL ? openLoopback(SOCK_CLOEXEC) : -1;
     if (fd < 0) return;
     link->isDown = 1;
-    const struct label label = {.bus = link->bus, .link = link->number};
+    const uint64_t time = now();
+    const struct label label = {link->bus, link->number, (uint32_t)(time >> 32), (uint32_t)time};
     const struct sockaddr_in bus = busAddress();
     REAL(sendto)(fd, &label, sizeof label, 0, (const struct sockaddr*)&bus, sizeof bus);
     close(fd);
