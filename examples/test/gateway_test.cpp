@@ -2,6 +2,7 @@
 //   SIMCAN="can0:left can1:left can2:right can3:right" simcan --own ./gateway_test ./gateway
 // The gateway joins can0 and can2; the test has the other end of each bus.
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +29,7 @@ int main(int count, char** words) try {
     if (pipe(errors) != 0) return 1;
     const pid_t gateway = fork();
     if (gateway == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);  // so that it does not outlive a test that fails
         dup2(errors[1], STDERR_FILENO);
         execl(words[1], words[1], "0", "2", nullptr);
         _exit(127);
