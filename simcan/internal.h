@@ -20,7 +20,7 @@
 // The functions that this library stands in for, as those who were loaded behind it have them.
 // clang-format off
 #define STAND_INS(X) \
-    X(socket) X(bind) X(shutdown) X(getsockname) X(getsockopt) X(setsockopt) X(ioctl) \
+    X(socket) X(bind) X(connect) X(shutdown) X(getsockname) X(getsockopt) X(setsockopt) X(ioctl) \
     X(write) X(writev) X(send) X(sendto) X(sendmsg) X(sendmmsg) \
     X(read) X(readv) X(recv) X(recvfrom) X(recvmsg) X(recvmmsg) \
     X(if_nametoindex) X(if_indextoname) X(if_nameindex)

@@ -25,7 +25,7 @@
  * - Filters take memory of the socket: 160 are possible where net.core.optmem_max is 20480.
  * - recvmmsg and sendmmsg fail with EOPNOTSUPP; SO_RCVLOWAT, SO_BINDTODEVICE and socket filters of
  *   one's own with ENOPROTOOPT; CAN_BCM, CAN_ISOTP, CAN_J1939 with EPROTONOSUPPORT, as in a kernel
- *   without these modules. connect gives EAFNOSUPPORT, getpeername ENOTCONN. CAN XL is unknown.
+ *   without these modules. getpeername gives ENOTCONN. CAN XL is unknown.
  * - A pointer that is no good may crash the program, where the kernel gives EFAULT.
  * - Outside the bus are static programs, others that make system calls without the C library, and
  *   libraries in a namespace of their own (dlmopen). Of the ways to list interfaces, if_nameindex

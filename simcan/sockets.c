@@ -162,6 +162,10 @@ EXPORT int getsockname(int fd, struct sockaddr* address, socklen_t* size) {
     return 0;
 }
 
+EXPORT int connect(int fd, const struct sockaddr* address, socklen_t size) {
+    return isCan(fd) ? fail(EOPNOTSUPP) : REAL(connect)(fd, address, size);
+}
+
 EXPORT int shutdown(int fd, int how) {
     return isCan(fd) ? fail(EOPNOTSUPP) : REAL(shutdown)(fd, how);
 }
@@ -251,16 +255,15 @@ EXPORT int getsockopt(int fd, int level, int option, void* value, socklen_t* siz
 
 // Frames out
 
-// True when this process was told that the link is down: by a read, or by what the next one gets.
-static int isDown(int fd, struct link* link) {
+// Takes note of a report about the socket's own link, if that is what the next read gets.
+static void noteNext(int fd, struct link* link) {
     int next = 0;
-    REAL(ioctl)(fd, FIONREAD, &next);
     struct label report;
-    if (next == sizeof report &&
+    REAL(ioctl)(fd, FIONREAD, &next);
+    if (link != NULL && next == sizeof report &&
         REAL(recv)(fd, &report, sizeof report, MSG_PEEK | MSG_DONTWAIT) == sizeof report) {
         noteReport(link, &report);
     }
-    return link->isDown;
 }
 
 static ssize_t sendPacket(int fd, const struct packet* packet, size_t size, int flags) {
@@ -284,7 +287,8 @@ static ssize_t sendFrame(int fd, struct state state, struct packet* packet, size
         (size == CAN_MTU && packet->frame.len <= CAN_MAX_DLEN) ||
         (size == CANFD_MTU && packet->frame.len <= CANFD_MAX_DLEN && (state.options & CAN_FD) != 0);
     if (!fits) return fail(EINVAL);
-    if (isDown(fd, link)) return fail(ENETDOWN);
+    noteNext(fd, linkOf(state));
+    if (link->isDown) return fail(ENETDOWN);
 
     if (size == CANFD_MTU) packet->frame.flags |= FD_FORMAT;
     packet->label = (struct label){link->bus, link->number, numberOf(fd), SENDER};
