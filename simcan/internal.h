@@ -1,5 +1,5 @@
-// What the sources of the simulated bus share: its links, what a
-// CAN socket keeps, and the system's own functions.
+// What the sources of the simulated bus share: its links, what a CAN socket keeps, and the system's
+// own functions.
 #ifndef SIMCAN_INTERNAL_H
 #define SIMCAN_INTERNAL_H
 

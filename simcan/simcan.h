@@ -28,8 +28,12 @@
  *   without these modules. getpeername gives ENOTCONN. CAN XL is unknown.
  * - A pointer that is no good may crash the program, where the kernel gives EFAULT.
  * - Outside the bus are static programs, others that make system calls without the C library, and
- *   libraries in a namespace of their own (dlmopen). Of the ways to list interfaces, if_nameindex
- *   and libnl's rtnl_link_alloc_cache show the simulated ones, netlink sockets (`ip link`) do not.
+ *   libraries in a namespace of their own (dlmopen). if_nameindex shows the simulated interfaces
+ *   behind the machine's own, libnl's rtnl_link_alloc_cache them and lo, netlink (`ip link`) none.
+ * - SO_RXQ_OVFL also counts what the filter has dropped. Time stamps of what is sent are not those
+ *   of frames. A link that goes down makes a socket readable, and sets no SO_ERROR.
+ * - Options of one socket are set by one thread at a time. Opening and setting take 40 KiB of
+ * stack.
  * - In a network namespace whose loopback interface is down, it is brought up, or nothing opens.
  *
  * An application's tests can have calls and commands fail that a healthy bus never fails:
@@ -51,7 +55,7 @@ enum simcan_Call {
 };
 
 /**
- * Makes the next such call of this process on the simulated bus fail, once.
+ * Makes the next such call of this process on the simulated bus fail, once. Any thread may call it.
  *
  * @param call  which call
  * @param error errno that it then sets; for SIMCAN_CACHE the libnl error, which it returns negated.
@@ -61,7 +65,10 @@ __attribute__((weak)) void simcan_failNext(enum simcan_Call call, int error);
 
 /**
  * Tells every socket on an interface, in all processes of this user, that its link went down: one
- * read of each fails with ENETDOWN.
+ * read of each fails with ENETDOWN. Any thread may call it. One line on standard error says so if
+ * no such interface is simulated.
+ *
+ * @param interface its name, such as "can0"
  */
 __attribute__((weak)) void simcan_linkDown(const char* interface);
 

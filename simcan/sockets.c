@@ -47,8 +47,7 @@ static int readState(int fd, struct state* state) {
 }
 
 static int isCan(int fd) {
-    struct state state;
-    return readState(fd, &state);
+    return readState(fd, &(struct state){0});
 }
 
 struct link* linkOf(struct state state) {
@@ -124,10 +123,11 @@ static uint64_t now(void) {
     return (uint64_t)time.tv_sec * 1000000000 + (uint64_t)time.tv_nsec;
 }
 
-// Takes note of a report, unless it tells of a time before the link was brought up again.
+// Takes note of a report, unless it tells of another link that the socket was bound to before, or
+// of a time before the link was brought up again.
 static void noteReport(struct link* link, const struct label* report) {
     const uint64_t time = (uint64_t)report->socket << 32 | report->audience;
-    if (time >= link->upSince) link->isDown = 1;
+    if (report->link == link->number && time >= link->upSince) link->isDown = 1;
 }
 
 EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
@@ -326,21 +326,30 @@ EXPORT ssize_t writev(int fd, const struct iovec* parts, int count) {
     return sendFrame(fd, state, &packet, gather(&packet, parts, (size_t)count), 0, NULL, 0);
 }
 
-EXPORT ssize_t sendto(int fd, const void* data, size_t size, int flags,
-                      const struct sockaddr* address, socklen_t addressSize) {
-    struct state state;
+static ssize_t sendBytes(int fd, struct state state, const void* data, size_t size, int flags,
+                         const struct sockaddr* address, socklen_t addressSize) {
     struct packet packet;
-    if (!readState(fd, &state)) return REAL(sendto)(fd, data, size, flags, address, addressSize);
     if (size <= sizeof packet.frame) memcpy(&packet.frame, data, size);
     return sendFrame(fd, state, &packet, size, flags, address, addressSize);
 }
 
+EXPORT ssize_t sendto(int fd, const void* data, size_t size, int flags,
+                      const struct sockaddr* address, socklen_t addressSize) {
+    struct state state;
+    if (!readState(fd, &state)) return REAL(sendto)(fd, data, size, flags, address, addressSize);
+    return sendBytes(fd, state, data, size, flags, address, addressSize);
+}
+
 EXPORT ssize_t send(int fd, const void* data, size_t size, int flags) {
-    return isCan(fd) ? sendto(fd, data, size, flags, NULL, 0) : REAL(send)(fd, data, size, flags);
+    struct state state;
+    if (!readState(fd, &state)) return REAL(send)(fd, data, size, flags);
+    return sendBytes(fd, state, data, size, flags, NULL, 0);
 }
 
 EXPORT ssize_t write(int fd, const void* data, size_t size) {
-    return isCan(fd) ? sendto(fd, data, size, 0, NULL, 0) : REAL(write)(fd, data, size);
+    struct state state;
+    if (!readState(fd, &state)) return REAL(write)(fd, data, size);
+    return sendBytes(fd, state, data, size, 0, NULL, 0);
 }
 
 EXPORT int sendmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags) {
@@ -372,7 +381,8 @@ static ssize_t receive(int fd, struct state state, const struct iovec* parts, si
     datagram.msg_iov = &part;
     datagram.msg_iovlen = 1;
     const ssize_t received = REAL(recvmsg)(fd, &datagram, flags & ~MSG_TRUNC);
-    if (received < (ssize_t)sizeof packet.label) return -1;
+    if (received < 0) return -1;
+    if (received < (ssize_t)sizeof packet.label) return fail(EAGAIN);  // no frame: an error queue
     struct link* const link = receivedFrom(state, &packet.label);
     if (received == sizeof packet.label) {
         if (link != NULL) noteReport(link, &packet.label);
@@ -411,20 +421,29 @@ EXPORT ssize_t recvfrom(int fd, void* data, size_t size, int flags, struct socka
     return received;
 }
 
+// Receives for a caller that asks for nothing else.
+static ssize_t receiveParts(int fd, struct state state, const struct iovec* parts, size_t count,
+                            int flags) {
+    struct msghdr message = {.msg_name = NULL};
+    return receive(fd, state, parts, count, &message, flags);
+}
+
 EXPORT ssize_t recv(int fd, void* data, size_t size, int flags) {
-    return isCan(fd) ? recvfrom(fd, data, size, flags, NULL, NULL)
-                     : REAL(recv)(fd, data, size, flags);
+    struct state state;
+    if (!readState(fd, &state)) return REAL(recv)(fd, data, size, flags);
+    return receiveParts(fd, state, &(struct iovec){data, size}, 1, flags);
 }
 
 EXPORT ssize_t read(int fd, void* data, size_t size) {
-    return isCan(fd) ? recvfrom(fd, data, size, 0, NULL, NULL) : REAL(read)(fd, data, size);
+    struct state state;
+    if (!readState(fd, &state)) return REAL(read)(fd, data, size);
+    return size == 0 ? 0 : receiveParts(fd, state, &(struct iovec){data, size}, 1, 0);
 }
 
 EXPORT ssize_t readv(int fd, const struct iovec* parts, int count) {
     struct state state;
     if (!readState(fd, &state)) return REAL(readv)(fd, parts, count);
-    struct msghdr message = {.msg_name = NULL};
-    return receive(fd, state, parts, (size_t)count, &message, 0);
+    return receiveParts(fd, state, parts, (size_t)count, 0);
 }
 
 EXPORT int recvmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags,
@@ -449,7 +468,11 @@ EXPORT ssize_t __recvfrom_chk(int fd, void* data, size_t size, size_t room, int 
 
 EXPORT void simcan_linkDown(const char* interface) {
     struct link* const link = linkNamed(interface);
-    const int fd = link != NULL ? openLoopback(SOCK_CLOEXEC) : -1;
+    if (link == NULL) {
+        if_nametoindex(interface);  // which says that there is none
+        return;
+    }
+    const int fd = openLoopback(SOCK_CLOEXEC);
     if (fd < 0) return;
     link->isDown = 1;
     const uint64_t time = now();
