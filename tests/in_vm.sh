@@ -38,7 +38,7 @@ permissions() {
     local PATH=${PATH#*:}  # with the real sudo
     ! as_user timeout 30 setsid exchange >no-rights 2>&1 || return 1  # nor does it ask for a password
     holds no-rights 'could not be initialised (status 5)'
-    install -m 440 "$root/system/sudoers.d/corvel" /etc/sudoers.d/corvel
+    install -m 440 "$root/examples/etc/sudoers.d/corvel" /etc/sudoers.d/corvel
     visudo -cf /etc/sudoers.d/corvel
     tests as_user exchange
     for words in 'set lo down' 'set can0 down up' 'set can0 down netns 1' 'set can0;reboot down' 'delete can0' \
