@@ -1,99 +1,138 @@
-// A CAN socket's filter in the kernel: what it does not pass wakes nobody. Before its rules, the
-// program loads words that no rule uses: they hold what was set.
+// Compiles what is set for a CAN socket into a filter program for the kernel: a datagram that it
+// does not pass wakes nobody. The settings are stored as leading load instructions without effect.
 
 #include <arpa/inet.h>
-#include <linux/filter.h>
 #include <netinet/udp.h>
-#include <stddef.h>
 
 #include "internal.h"
 
-struct program {
-    struct sock_filter code[2 + 6 * CAN_RAW_FILTER_MAX + 100];
-    uint16_t length;
-};
+enum { DROP = 0, PASS = 1 };
+enum { OPEN = 0xFF };  // an offset that land() fills in
 
-static void add(struct program* program, uint16_t code, uint8_t yes, uint8_t no, uint32_t value) {
-    program->code[program->length++] = (struct sock_filter){code, yes, no, value};
+static size_t add(struct program* program, uint16_t code, uint8_t yes, uint8_t no, uint32_t value) {
+    program->code[program->length] = (struct sock_filter){code, yes, no, value};
+    return program->length++;
+}
+
+static void storeWord(struct program* program, uint32_t word) {
+    add(program, BPF_LD | BPF_IMM, 0, 0, word);
 }
 
 static void load(struct program* program, size_t offset) {
     add(program, BPF_LD | BPF_W | BPF_ABS, 0, 0, (uint32_t)(sizeof(struct udphdr) + offset));
 }
 
-// Ends the program when the loaded word has this value, or where `code` says BPF_JSET, these bits.
-static void endIf(struct program* program, uint16_t code, uint32_t value, int passes) {
-    add(program, BPF_JMP | code | BPF_K, 0, 1, value);
+static void end(struct program* program, int passes) {
     add(program, BPF_RET | BPF_K, 0, 0, passes ? UINT32_MAX : 0);
 }
 
-static void endUnless(struct program* program, uint16_t code, uint32_t value, int passes) {
-    add(program, BPF_JMP | code | BPF_K, 1, 0, value);
-    add(program, BPF_RET | BPF_K, 0, 0, passes ? UINT32_MAX : 0);
+// Jumps to where land() says if the loaded word has this value (BPF_JEQ) or these bits (BPF_JSET).
+static size_t jumpIf(struct program* program, uint16_t test, uint32_t value) {
+    return add(program, BPF_JMP | test | BPF_K, OPEN, 0, value);
 }
 
-// Passes datagrams without a frame that tell of the own link, and frames of a format wanted.
+static size_t jumpUnless(struct program* program, uint16_t test, uint32_t value) {
+    return add(program, BPF_JMP | test | BPF_K, 0, OPEN, value);
+}
+
+static size_t jump(struct program* program) {
+    return add(program, BPF_JMP | BPF_JA, 0, 0, 0);
+}
+
+static void land(struct program* program, size_t from) {
+    struct sock_filter* const code = &program->code[from];
+    const size_t distance = program->length - from - 1;
+    if (BPF_OP(code->code) == BPF_JA) {
+        code->k = (uint32_t)distance;
+    } else {
+        *(code->jt == OPEN ? &code->jt : &code->jf) = (uint8_t)distance;
+    }
+}
+
+static void endIf(struct program* program, uint16_t test, uint32_t value, int passes) {
+    const size_t otherwise = jumpUnless(program, test, value);
+    end(program, passes);
+    land(program, otherwise);
+}
+
+static void endUnless(struct program* program, uint16_t test, uint32_t value, int passes) {
+    const size_t onward = jumpIf(program, test, value);
+    end(program, passes);
+    land(program, onward);
+}
+
+struct link* linkOf(struct state state) {
+    return state.link >= 0 && state.link < linkCount() ? &links[state.link] : NULL;
+}
+
+// Passes reports about the own link, and goes on with frames of a format wanted.
 static void addFormats(struct program* program, struct state state, uint32_t link) {
     const uint32_t empty = sizeof(struct udphdr) + sizeof(struct label);
     add(program, BPF_LD | BPF_W | BPF_LEN, 0, 0, 0);
-    add(program, BPF_JMP | BPF_JEQ | BPF_K, 0, 4, empty);
+    const size_t frame = jumpUnless(program, BPF_JEQ, empty);
     load(program, offsetof(struct label, link));
-    endIf(program, BPF_JEQ, htonl(link), 1);
-    add(program, BPF_RET | BPF_K, 0, 0, 0);
-    add(program, BPF_JMP | BPF_JEQ | BPF_K, 2, 0, empty + CAN_MTU);
-    endUnless(program, BPF_JEQ, (state.options & CAN_FD) != 0 ? empty + CANFD_MTU : 0, 0);
+    endIf(program, BPF_JEQ, htonl(link), PASS);
+    end(program, DROP);
+    land(program, frame);
+    const size_t classic = jumpIf(program, BPF_JEQ, empty + CAN_MTU);
+    endUnless(program, BPF_JEQ, (state.options & CAN_FD) != 0 ? empty + CANFD_MTU : 0, DROP);
+    land(program, classic);
 }
 
-// Passes frames of the own bus, or of all that this process knows.
+// Goes on with frames of the own bus, or of all that this process knows.
 static void addBuses(struct program* program, struct state state) {
+    size_t known[LINK_LIMIT];
+    const struct link* const own = linkOf(state);
+    const int count = state.link == ALL_LINKS ? linkCount() : own != NULL;
     load(program, offsetof(struct label, bus));
-    const int count = state.link == ALL_LINKS ? linkCount() : 1;
     for (int i = 0; i < count; i++) {
-        const struct link* const known = state.link == ALL_LINKS ? &links[i] : linkOf(state);
-        add(program, BPF_JMP | BPF_JEQ | BPF_K, (uint8_t)(count - i), 0,
-            known ? htonl(known->bus) : 0);
+        known[i] = jumpIf(program, BPF_JEQ, htonl(own != NULL ? own->bus : links[i].bus));
     }
-    add(program, BPF_RET | BPF_K, 0, 0, 0);
+    end(program, DROP);
+    for (int i = 0; i < count; i++) land(program, known[i]);
 }
 
-// Passes what is sent to this socket, and does not pass what it has sent to others itself, or what
-// another socket on its link has sent to other links.
+// Goes on with what this socket sent to itself alone, and with what other sockets sent, unless it
+// is for other links.
 static void addAudience(struct program* program, uint32_t link, uint32_t own) {
     load(program, offsetof(struct label, audience));
-    add(program, BPF_JMP | BPF_JEQ | BPF_K, 0, 3, htonl(SENDER));
-    load(program, offsetof(struct label, socket));
-    add(program, BPF_JMP | BPF_JEQ | BPF_K, 9, 0, htonl(own));  // on with the filters
-    add(program, BPF_RET | BPF_K, 0, 0, 0);
-    load(program, offsetof(struct label, socket));
-    endIf(program, BPF_JEQ, htonl(own), 0);
-    load(program, offsetof(struct label, audience));
-    add(program, BPF_JMP | BPF_JEQ | BPF_K, 3, 0, htonl(OTHERS));
+    const size_t toSender = jumpIf(program, BPF_JEQ, htonl(SENDER));
+    const size_t toOthers = jumpIf(program, BPF_JEQ, htonl(OTHERS));
     load(program, offsetof(struct label, link));
-    endIf(program, BPF_JEQ, htonl(link), 0);
+    endIf(program, BPF_JEQ, htonl(link), DROP);
+    land(program, toOthers);
+    load(program, offsetof(struct label, socket));
+    endIf(program, BPF_JEQ, htonl(own), DROP);
+    const size_t received = jump(program);
+    land(program, toSender);
+    load(program, offsetof(struct label, socket));
+    endUnless(program, BPF_JEQ, htonl(own), DROP);
+    land(program, received);
 }
 
-// Passes error frames of the kinds asked for, and other frames that match one filter, or all of
-// them when they are joined. As in the kernel, a filter whose mask has the error flag asks for
-// errors.
-static void addFilters(struct program* program, struct state state,
-                       const struct settings* settings) {
-    const int joined = (state.options & JOINED) != 0;
+// Passes error frames of the kinds asked for. As in the kernel, a filter whose mask has the error
+// flag asks for errors.
+static void addErrorFilters(struct program* program, struct state state,
+                            const struct settings* settings) {
     uint32_t errors = settings->errors;
     for (uint32_t i = 0; i < settings->count; i++) {
         const canid_t mask = settings->filters[i].can_mask;
         if ((mask & CAN_ERR_FLAG) != 0) errors |= mask & CAN_ERR_MASK;
     }
-    if (joined && settings->count > 1) errors = 0;  // no error frame matches all of them
-    load(program, offsetof(struct packet, frame.can_id));
-    add(program, BPF_ST, 0, 0, 0);
-    add(program, BPF_JMP | BPF_JSET | BPF_K, 0, 3, htonl(CAN_ERR_FLAG));
-    endIf(program, BPF_JSET, htonl(errors), 1);
-    add(program, BPF_RET | BPF_K, 0, 0, 0);
+    if ((state.options & JOINED) != 0 && settings->count > 1) errors = 0;  // none matches them all
+    endIf(program, BPF_JSET, htonl(errors), PASS);
+    end(program, DROP);
+}
+
+// Passes frames that match one filter, or all of them if they are joined.
+static void addFilters(struct program* program, struct state state,
+                       const struct settings* settings) {
+    const int joined = (state.options & JOINED) != 0;
     for (uint32_t i = 0; i < settings->count; i++) {
         const canid_t id = settings->filters[i].can_id;
         canid_t mask = settings->filters[i].can_mask;
-        if ((mask & CAN_ERR_FLAG) != 0) {  // which no frame but an error frame matches
-            if (joined) add(program, BPF_RET | BPF_K, 0, 0, 0);
+        if ((mask & CAN_ERR_FLAG) != 0) {  // only error frames match it
+            if (joined) end(program, DROP);
             continue;
         }
         if ((mask & CAN_EFF_FLAG) != 0 && (id & CAN_EFF_FLAG) == 0) {
@@ -107,39 +146,38 @@ static void addFilters(struct program* program, struct state state,
             endUnless(program, BPF_JEQ, htonl(id & mask), !joined);
         }
     }
-    add(program, BPF_RET | BPF_K, 0, 0, joined && settings->count > 0 ? UINT32_MAX : 0);
+    end(program, joined && settings->count > 0);
 }
 
-static void keep(struct program* program, uint32_t word) {
-    add(program, BPF_LD | BPF_IMM, 0, 0, word);
-}
-
-int attachFilter(int fd, struct state state, const struct settings* settings) {
+void compileFilter(struct program* program, struct state state, uint32_t socket,
+                   const struct settings* settings) {
     const struct link* const link = linkOf(state);
     const uint32_t number = link != NULL ? link->number : 0;
-    struct program program = {.length = 0};
-    keep(&program, settings->errors);
-    keep(&program, settings->count);
+    program->length = 0;
+    storeWord(program, settings->errors);
+    storeWord(program, settings->count);
     for (uint32_t i = 0; i < settings->count; i++) {
-        keep(&program, settings->filters[i].can_id);
-        keep(&program, settings->filters[i].can_mask);
+        storeWord(program, settings->filters[i].can_id);
+        storeWord(program, settings->filters[i].can_mask);
     }
-    addFormats(&program, state, number);
-    addBuses(&program, state);
-    addAudience(&program, number, numberOf(fd));
-    addFilters(&program, state, settings);
-    const struct sock_fprog attached = {program.length, program.code};
-    return REAL(setsockopt)(fd, SOL_SOCKET, SO_ATTACH_FILTER, &attached, sizeof attached);
+    addFormats(program, state, number);
+    addBuses(program, state);
+    addAudience(program, number, socket);
+    load(program, FRAME_AT + offsetof(struct canfd_frame, can_id));
+    add(program, BPF_ST, 0, 0, 0);
+    const size_t isError = jumpIf(program, BPF_JSET, htonl(CAN_ERR_FLAG));
+    const size_t isFrame = jump(program);
+    land(program, isError);
+    addErrorFilters(program, state, settings);
+    land(program, isFrame);
+    addFilters(program, state, settings);
 }
 
-void readSettings(int fd, struct settings* settings) {
-    struct program program = {.length = 0};
-    socklen_t length = sizeof program.code / sizeof *program.code;
-    REAL(getsockopt)(fd, SOL_SOCKET, SO_GET_FILTER, program.code, &length);
-    settings->errors = program.code[0].k;
-    settings->count = program.code[1].k;
+void extractSettings(const struct program* program, struct settings* settings) {
+    settings->errors = program->code[0].k;
+    settings->count = program->code[1].k;
     for (uint32_t i = 0; i < settings->count; i++) {
-        settings->filters[i].can_id = program.code[2 + 2 * i].k;
-        settings->filters[i].can_mask = program.code[3 + 2 * i].k;
+        settings->filters[i].can_id = program->code[2 + 2 * i].k;
+        settings->filters[i].can_mask = program->code[3 + 2 * i].k;
     }
 }

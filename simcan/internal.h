@@ -1,12 +1,13 @@
-// What the sources of the simulated bus share: its links, what a CAN socket keeps, and the system's
-// own functions.
+// What the sources of the simulated bus share. Each file calls only those above it here.
 #ifndef SIMCAN_INTERNAL_H
 #define SIMCAN_INTERNAL_H
 
 #include <linux/can.h>
 #include <linux/can/raw.h>
+#include <linux/filter.h>
 #include <net/if.h>
 #include <stdatomic.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -17,7 +18,7 @@
 
 #define EXPORT __attribute__((visibility("default")))
 
-// The functions that this library stands in for, as those who were loaded behind it have them.
+// real.c: the next definition of each interposed function.
 // clang-format off
 #define STAND_INS(X) \
     X(socket) X(bind) X(connect) X(shutdown) X(getsockname) X(getsockopt) X(setsockopt) X(ioctl) \
@@ -36,39 +37,38 @@ extern struct Real {
 void findReal(void);
 #define REAL(name) (real.name != NULL ? real.name : (findReal(), real.name))
 
-// The numbers are the same in every process: what a datagram says is understood by all.
+// links.c: the interfaces. Their numbers are the same in every process.
 struct link {
     char name[IFNAMSIZ];
     uint32_t bus;
     uint32_t number;
-    _Atomic uint64_t upSince;  // when this process bound a socket to it, in nanoseconds
-    atomic_int isDown;         // as far as this process was told, and until it binds a socket to it
+    _Atomic uint64_t upSince;  // when this process last bound a socket to it, in nanoseconds
+    atomic_int isDown;         // as far as this process knows
 };
 
 enum { LINK_LIMIT = 32 };
 extern struct link links[LINK_LIMIT];
 
-// How many there are. Reads them when it is called first, as do those below.
 int linkCount(void);
 // The simulated interface with this name or kernel's number, or NULL.
 struct link* linkNamed(const char* name);
 struct link* linkAt(int index);
 int indexOf(const struct link* link);
+// Identifies the user and SIMCAN_RUN.
+uint64_t runNumber(void);
+// Reports, once per process, an interface that is neither real nor simulated.
+void reportMissing(const char* name);
 
-// What tells the buses of one user and SIMCAN_RUN from those of others.
-uint64_t run(void);
-
-// True when the test asked for this call to fail, with errno set.
-int failsNow(enum simcan_Call call);
+// bus.c: the multicast group that carries the frames of all buses.
 
 // Who gets a datagram: sockets on other links of the bus, all but the sender, or the sender alone.
 enum { OTHER_LINKS, OTHERS, SENDER };
 
-// How a datagram begins. One that holds no frame says that the link went down, and has the time
-// of that in the place of the last two words.
+// How a datagram begins. One without a frame reports that the link went down; its last two words
+// then hold the time.
 struct label {
     uint32_t bus, link;
-    uint32_t socket;  // which sent it
+    uint32_t socket;  // the sender's
     uint32_t audience;
 };
 
@@ -76,6 +76,19 @@ struct packet {
     struct label label;
     struct canfd_frame frame;
 };
+enum { FRAME_AT = offsetof(struct packet, frame) };
+
+// A UDP socket on the loopback interface: nothing leaves the machine or comes from outside.
+int openLoopback(int flags);
+int joinBuses(int fd);
+ssize_t sendToBus(int fd, const void* data, size_t size, int flags);
+// A process that binds a socket to a link has brought it up.
+void bringUp(struct link* link);
+void takeDown(struct link* link);
+// Takes note of a report about this link, unless the link was brought up after it was sent.
+void noteReport(struct link* link, const struct label* report);
+
+// filter.c: compiles what is set for a socket into a filter program, without system calls.
 
 // What each call on a CAN socket needs: its link, and what is switched on.
 struct state {
@@ -83,22 +96,39 @@ struct state {
     int options;
 };
 enum { ALL_LINKS = LINK_LIMIT, NO_LINK = -1 };
-enum { CAN_FD = 1, LOOPBACK = 2, OWN_FRAMES = 4, JOINED = 8 };
+enum { LOOPBACK = 1, OWN_FRAMES = 2, CAN_FD = 4, JOINED = 8 };
 
-// What is looked at only when it changes.
+// What is needed only to change it.
 struct settings {
     uint32_t errors;
     uint32_t count;
     struct can_filter filters[CAN_RAW_FILTER_MAX];
 };
 
+struct program {
+    struct sock_filter code[2 + 7 * CAN_RAW_FILTER_MAX + 100];
+    uint16_t length;
+};
+
 // The link that a socket is bound to, or NULL.
 struct link* linkOf(struct state state);
+void compileFilter(struct program* program, struct state state, uint32_t socket,
+                   const struct settings* settings);
+void extractSettings(const struct program* program, struct settings* settings);
+
+// state.c: what a socket keeps.
+
+// False, and errno as it was, when it is no CAN socket.
+int readState(int fd, struct state* state);
+void readSettings(int fd, struct settings* settings);
+int applyState(int fd, struct state state, const struct settings* settings);
+int attachFilter(int fd, struct program* program);
 // A number that no other socket has.
 uint32_t numberOf(int fd);
 
-// The settings are kept in the filter.
-int attachFilter(int fd, struct state state, const struct settings* settings);
-void readSettings(int fd, struct settings* settings);
+// faults.c: what a test orders.
+
+// True, with errno set, if this call is to fail.
+int failsNow(enum simcan_Call call);
 
 #endif

@@ -1,13 +1,7 @@
-// The simulated links, and the calls that list and name them.
+// The simulated interfaces: names, numbers, and the calls that translate them.
 
-#include <dlfcn.h>
 #include <errno.h>
-#include <net/if_arp.h>
-#include <netlink/cache.h>
-#include <netlink/errno.h>
-#include <netlink/route/link.h>
 #include <pthread.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,19 +10,10 @@
 
 enum { FIRST_INDEX = 1000000 };  // which no real interface has
 
-struct Real real;
 struct link links[LINK_LIMIT];
 static int count;
-static uint64_t runNumber;
+static uint64_t run;
 static pthread_once_t linksRead = PTHREAD_ONCE_INIT;
-static atomic_int failures[SIMCAN_CACHE + 1];
-
-__attribute__((constructor)) void findReal(void) {
-// NOLINTNEXTLINE: a member takes no parentheses
-#define X(name) real.name = (__typeof__(&name))dlsym(RTLD_NEXT, #name);
-    STAND_INS(X)
-#undef X
-}
 
 // FNV-1a.
 static uint64_t hash(uint64_t seed, const char* text) {
@@ -42,27 +27,32 @@ static const char* setting(void) {
     return text != NULL ? text : "can0 can1";
 }
 
+static struct link* find(const char* name) {
+    for (int i = 0; i < count; i++) {
+        if (strcmp(links[i].name, name) == 0) return &links[i];
+    }
+    return NULL;
+}
+
 static void readLinks(void) {
     const char* text = getenv("SIMCAN_RUN");
-    runNumber = hash(getuid(), text != NULL ? text : "");
+    run = hash(getuid(), text != NULL ? text : "");
     char* list = strdup(setting());
     char* rest = NULL;
-    int found = 0;
     for (char* word = list ? strtok_r(list, " \t\n", &rest) : NULL; word != NULL;
          word = strtok_r(NULL, " \t\n", &rest)) {
         char* colon = strchr(word, ':');
         if (colon != NULL) *colon = '\0';
-        if (*word == '\0' || strlen(word) >= IFNAMSIZ || found == LINK_LIMIT) {
+        if (*word == '\0' || strlen(word) >= IFNAMSIZ || count == LINK_LIMIT) {
             fprintf(stderr, "simcan: '%s' is no interface, or one too many\n", word);
             continue;
         }
-        struct link* link = &links[found++];
+        struct link* link = &links[count++];
         memcpy(link->name, word, strlen(word) + 1);
-        link->bus = (uint32_t)hash(runNumber, colon != NULL ? colon + 1 : "0");
+        link->bus = (uint32_t)hash(run, colon != NULL ? colon + 1 : "0");
         link->number = (uint32_t)hash(link->bus, link->name);
     }
     free(list);
-    count = found;
 }
 
 int linkCount(void) {
@@ -70,16 +60,14 @@ int linkCount(void) {
     return count;
 }
 
-uint64_t run(void) {
-    pthread_once(&linksRead, readLinks);
-    return runNumber;
+uint64_t runNumber(void) {
+    linkCount();
+    return run;
 }
 
 struct link* linkNamed(const char* name) {
-    for (int i = 0; i < linkCount(); i++) {
-        if (strcmp(links[i].name, name) == 0) return &links[i];
-    }
-    return NULL;
+    linkCount();
+    return find(name);
 }
 
 struct link* linkAt(int index) {
@@ -91,18 +79,7 @@ int indexOf(const struct link* link) {
     return FIRST_INDEX + (int)(link - links);
 }
 
-int failsNow(enum simcan_Call call) {
-    const int error = atomic_exchange(&failures[call], 0);
-    if (error != 0) errno = error;
-    return error != 0;
-}
-
-EXPORT void simcan_failNext(enum simcan_Call call, int error) {
-    if (call <= SIMCAN_CACHE) failures[call] = error;
-}
-
-// Tells, once in a process, why the system does not know an interface either.
-static void tellMissing(const char* name) {
+void reportMissing(const char* name) {
     static atomic_flag told = ATOMIC_FLAG_INIT;
     const int saved = errno;
     if (errno == ENODEV && !atomic_flag_test_and_set(&told)) {
@@ -115,7 +92,7 @@ EXPORT unsigned if_nametoindex(const char* name) {
     const struct link* link = linkNamed(name);
     if (link != NULL) return (unsigned)indexOf(link);
     const unsigned index = REAL(if_nametoindex)(name);
-    if (index == 0) tellMissing(name);
+    if (index == 0) reportMissing(name);
     return index;
 }
 
@@ -140,69 +117,4 @@ EXPORT struct if_nameindex* if_nameindex(void) {
     }
     all[size] = (struct if_nameindex){0, NULL};
     return all;
-}
-
-EXPORT int ioctl(int fd, unsigned long request, ...) {
-    va_list arguments;
-    va_start(arguments, request);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    struct ifreq* asked = argument;
-    struct link* link = NULL;
-    switch (request) {
-        case SIOCGIFNAME:
-            link = linkAt(asked->ifr_ifindex);
-            break;
-        case SIOCGIFINDEX:
-        case SIOCGIFFLAGS:
-        case SIOCGIFMTU:
-        case SIOCGIFHWADDR:
-            link = linkNamed(asked->ifr_name);
-            break;
-        default:
-            return REAL(ioctl)(fd, request, argument);
-    }
-    if (link == NULL) {
-        const int result = REAL(ioctl)(fd, request, argument);
-        if (result != 0 && request != SIOCGIFNAME) tellMissing(asked->ifr_name);
-        return result;
-    }
-    switch (request) {
-        case SIOCGIFNAME:
-            memcpy(asked->ifr_name, link->name, IFNAMSIZ);
-            break;
-        case SIOCGIFINDEX:
-            asked->ifr_ifindex = indexOf(link);
-            break;
-        case SIOCGIFMTU:
-            asked->ifr_mtu = CANFD_MTU;
-            break;
-        case SIOCGIFHWADDR:
-            asked->ifr_hwaddr = (struct sockaddr){.sa_family = ARPHRD_CAN};
-            break;
-        default:
-            asked->ifr_flags = IFF_NOARP | (link->isDown ? 0 : IFF_UP | IFF_RUNNING);
-            break;
-    }
-    return 0;
-}
-
-EXPORT int rtnl_link_alloc_cache(struct nl_sock* socket, int family, struct nl_cache** result) {
-    (void)socket;
-    (void)family;
-    if (failsNow(SIMCAN_CACHE)) return -errno;
-    int error = nl_cache_alloc_name("route/link", result);
-    for (int i = -1; error == 0 && i < linkCount(); i++) {
-        struct rtnl_link* link = rtnl_link_alloc();
-        if (link == NULL) {
-            nl_cache_free(*result);
-            return -NLE_NOMEM;
-        }
-        rtnl_link_set_name(link, i < 0 ? "lo" : links[i].name);
-        rtnl_link_set_ifindex(link, i < 0 ? 1 : indexOf(&links[i]));
-        rtnl_link_set_arptype(link, i < 0 ? ARPHRD_LOOPBACK : ARPHRD_CAN);
-        error = nl_cache_add(*result, (struct nl_object*)link);
-        rtnl_link_put(link);
-    }
-    return error;
 }

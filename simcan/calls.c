@@ -1,25 +1,15 @@
-// CAN sockets. All buses are one multicast group on the loopback interface: a CAN socket is a UDP
-// socket that is bound to it, and a frame is one datagram, of which the kernel puts a copy into the
-// queue of each socket whose filter passes it. So epoll, time stamps, queues and blocking are the
-// kernel's own.
-//
-// What is set for a socket is kept in the socket itself, as a table in the program would lose it:
-// descriptors are duplicated, inherited by children, and kept by programs that others execute.
+// The calls on CAN sockets, and those that ask for interfaces.
 
-#include <arpa/inet.h>
 #include <errno.h>
-#include <linux/can/raw.h>
-#include <netinet/in.h>
-#include <stddef.h>
+#include <net/if_arp.h>
+#include <netlink/cache.h>
+#include <netlink/errno.h>
+#include <netlink/route/link.h>
+#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include "internal.h"
-
-// A state is kept in the low-water mark, which datagrams have no use for. Its high bits tell CAN
-// sockets from others.
-enum { MARK = 0x5CA00000, MARK_BITS = 0x3FF };
 
 static const struct settings initial = {.count = 1};  // one filter, which passes everything
 
@@ -34,73 +24,8 @@ static int fail(int error) {
     return -1;
 }
 
-// False, and errno as it was, when it is no CAN socket.
-static int readState(int fd, struct state* state) {
-    const int saved = errno;
-    int mark = 0;
-    socklen_t size = sizeof mark;
-    REAL(getsockopt)(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, &size);
-    errno = saved;
-    if ((mark & ~MARK_BITS) != MARK) return 0;
-    *state = (struct state){((mark & MARK_BITS) >> 4) + NO_LINK, mark & 0xF};
-    return 1;
-}
-
 static int isCan(int fd) {
     return readState(fd, &(struct state){0});
-}
-
-struct link* linkOf(struct state state) {
-    return state.link >= 0 && state.link < linkCount() ? &links[state.link] : NULL;
-}
-
-uint32_t numberOf(int fd) {
-    uint64_t cookie = 0;
-    socklen_t size = sizeof cookie;
-    REAL(getsockopt)(fd, SOL_SOCKET, SO_COOKIE, &cookie, &size);
-    return (uint32_t)cookie;
-}
-
-static int change(int fd, struct state state, const struct settings* settings) {
-    const int mark = MARK | (state.link - NO_LINK) << 4 | state.options;
-    if (attachFilter(fd, state, settings) != 0) return -1;
-    return REAL(setsockopt)(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark);
-}
-
-// A group of 239.0.0.0/8, which stays within the machine, and a port that is given to nobody else.
-static struct sockaddr_in busAddress(void) {
-    const uint64_t number = run();
-    struct sockaddr_in address = {.sin_family = AF_INET};
-    address.sin_addr.s_addr = htonl(0xEF000000u | (number & 0xFFFFFF));
-    address.sin_port = htons((uint16_t)(61000 + (number >> 24) % 4536));
-    return address;
-}
-
-// In a network namespace made just now, the loopback interface is down.
-static void raiseLoopback(int fd) {
-    struct ifreq request = {.ifr_name = "lo"};
-    if (REAL(ioctl)(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_UP) != 0) return;
-    request.ifr_flags |= IFF_UP;
-    REAL(ioctl)(fd, SIOCSIFFLAGS, &request);
-}
-
-// A socket on the loopback interface alone: nothing leaves the machine, nothing comes from outside.
-static int openLoopback(int flags) {
-    const int fd = REAL(socket)(AF_INET, SOCK_DGRAM | flags, 0);
-    if (fd < 0) return -1;
-    raiseLoopback(fd);
-    if (REAL(setsockopt)(fd, SOL_SOCKET, SO_BINDTODEVICE, "lo", sizeof "lo" - 1) == 0) return fd;
-    close(fd);
-    return -1;
-}
-
-static int joinBuses(int fd) {
-    const struct sockaddr_in bus = busAddress();
-    const struct ip_mreq group = {bus.sin_addr, {htonl(INADDR_LOOPBACK)}};
-    const int shared = 1;
-    if (REAL(setsockopt)(fd, SOL_SOCKET, SO_REUSEADDR, &shared, sizeof shared) != 0) return -1;
-    if (REAL(setsockopt)(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0) return -1;
-    return REAL(bind)(fd, (const struct sockaddr*)&bus, sizeof bus);
 }
 
 EXPORT int socket(int domain, int type, int protocol) {
@@ -111,23 +36,10 @@ EXPORT int socket(int domain, int type, int protocol) {
     const int fd = openLoopback(flags);
     if (fd < 0) return -1;
     const struct state unbound = {NO_LINK, LOOPBACK};
-    if (change(fd, unbound, &initial) == 0 && joinBuses(fd) == 0) return fd;
+    if (applyState(fd, unbound, &initial) == 0 && joinBuses(fd) == 0) return fd;
     const int error = errno;
     close(fd);
     return fail(error);
-}
-
-static uint64_t now(void) {
-    struct timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return (uint64_t)time.tv_sec * 1000000000 + (uint64_t)time.tv_nsec;
-}
-
-// Takes note of a report, unless it tells of another link that the socket was bound to before, or
-// of a time before the link was brought up again.
-static void noteReport(struct link* link, const struct label* report) {
-    const uint64_t time = (uint64_t)report->socket << 32 | report->audience;
-    if (report->link == link->number && time >= link->upSince) link->isDown = 1;
 }
 
 EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
@@ -137,18 +49,15 @@ EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
     const int index = ((const struct sockaddr_can*)address)->can_ifindex;
     struct link* const link = linkAt(index);
     if (index != 0 && link == NULL) return fail(ENODEV);
-    if (link != NULL) {  // who binds to it has brought it up
-        link->upSince = now();
-        link->isDown = 0;
-    }
+    if (link != NULL) bringUp(link);
     state.link = link != NULL ? (int)(link - links) : ALL_LINKS;
     struct settings settings;
     readSettings(fd, &settings);
-    return change(fd, state, &settings);
+    return applyState(fd, state, &settings);
 }
 
 // Fills an address that a caller asks for; `size` is how much room it has, and then what it is.
-static void tellAddress(const struct link* link, void* address, socklen_t* size) {
+static void copyAddress(const struct link* link, void* address, socklen_t* size) {
     const struct sockaddr_can whole = {.can_family = AF_CAN,
                                        .can_ifindex = link != NULL ? indexOf(link) : 0};
     memcpy(address, &whole, *size < ADDRESS_SIZE ? *size : ADDRESS_SIZE);
@@ -158,7 +67,7 @@ static void tellAddress(const struct link* link, void* address, socklen_t* size)
 EXPORT int getsockname(int fd, struct sockaddr* address, socklen_t* size) {
     struct state state;
     if (!readState(fd, &state)) return REAL(getsockname)(fd, address, size);
-    tellAddress(linkOf(state), address, size);
+    copyAddress(linkOf(state), address, size);
     return 0;
 }
 
@@ -172,19 +81,10 @@ EXPORT int shutdown(int fd, int how) {
 
 // Options
 
+// CAN_RAW_LOOPBACK to CAN_RAW_JOIN_FILTERS are numbered as their bits are.
 static int optionBit(int option) {
-    switch (option) {
-        case CAN_RAW_FD_FRAMES:
-            return CAN_FD;
-        case CAN_RAW_LOOPBACK:
-            return LOOPBACK;
-        case CAN_RAW_RECV_OWN_MSGS:
-            return OWN_FRAMES;
-        case CAN_RAW_JOIN_FILTERS:
-            return JOINED;
-        default:
-            return 0;
-    }
+    const int isSwitch = option >= CAN_RAW_LOOPBACK && option <= CAN_RAW_JOIN_FILTERS;
+    return isSwitch ? 1 << (option - CAN_RAW_LOOPBACK) : 0;
 }
 
 // True for options that hold what the simulated bus needs.
@@ -198,8 +98,8 @@ EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_
     if ((level != SOL_CAN_RAW && level != SOL_SOCKET) || !readState(fd, &state))
         return REAL(setsockopt)(fd, level, option, value, size);
     if (level == SOL_SOCKET) {
-        return isTaken(option) ? fail(ENOPROTOOPT)
-                               : REAL(setsockopt)(fd, level, option, value, size);
+        if (isTaken(option)) return fail(ENOPROTOOPT);
+        return REAL(setsockopt)(fd, level, option, value, size);
     }
     struct settings settings;
     readSettings(fd, &settings);
@@ -218,11 +118,11 @@ EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_
     } else {
         settings.errors = *(const can_err_mask_t*)value & CAN_ERR_MASK;
     }
-    return change(fd, state, &settings);
+    return applyState(fd, state, &settings);
 }
 
 // Copies what a caller asks for into what room it has.
-static int give(void* value, socklen_t* size, const void* data, size_t dataSize) {
+static int copyOut(void* value, socklen_t* size, const void* data, size_t dataSize) {
     if (*size > dataSize) *size = (socklen_t)dataSize;
     memcpy(value, data, *size);
     return 0;
@@ -235,22 +135,22 @@ EXPORT int getsockopt(int fd, int level, int option, void* value, socklen_t* siz
     if (level == SOL_SOCKET) {
         const int number = option == SO_DOMAIN ? PF_CAN : option == SO_TYPE ? SOCK_RAW : CAN_RAW;
         if (option == SO_DOMAIN || option == SO_TYPE || option == SO_PROTOCOL)
-            return give(value, size, &number, sizeof number);
+            return copyOut(value, size, &number, sizeof number);
         return REAL(getsockopt)(fd, level, option, value, size);
     }
     struct settings settings;
     readSettings(fd, &settings);
     if (option == CAN_RAW_FILTER) {
         const size_t needed = settings.count * sizeof *settings.filters;
-        if (*size >= needed) return give(value, size, settings.filters, needed);
+        if (*size >= needed) return copyOut(value, size, settings.filters, needed);
         *size = (socklen_t)needed;
         return fail(ERANGE);
     }
     if (option == CAN_RAW_ERR_FILTER)
-        return give(value, size, &settings.errors, sizeof settings.errors);
+        return copyOut(value, size, &settings.errors, sizeof settings.errors);
     const int bit = optionBit(option);
     const int on = (state.options & bit) != 0;
-    return bit != 0 ? give(value, size, &on, sizeof on) : fail(ENOPROTOOPT);
+    return bit != 0 ? copyOut(value, size, &on, sizeof on) : fail(ENOPROTOOPT);
 }
 
 // Frames out
@@ -267,10 +167,8 @@ static void noteNext(int fd, struct link* link) {
 }
 
 static ssize_t sendPacket(int fd, const struct packet* packet, size_t size, int flags) {
-    const struct sockaddr_in bus = busAddress();
     const ssize_t sent =
-        REAL(sendto)(fd, packet, sizeof packet->label + size, flags & (MSG_DONTWAIT | MSG_NOSIGNAL),
-                     (const struct sockaddr*)&bus, sizeof bus);
+        sendToBus(fd, packet, FRAME_AT + size, flags & (MSG_DONTWAIT | MSG_NOSIGNAL));
     return sent < 0 ? -1 : (ssize_t)size;
 }
 
@@ -360,7 +258,7 @@ EXPORT int sendmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags)
 
 // The interface that a socket gets a datagram from: its own, or for one that is bound to all of
 // them, the sender's, or the first on its bus.
-static struct link* receivedFrom(struct state state, const struct label* label) {
+static struct link* receivedOn(struct state state, const struct label* label) {
     struct link* found = linkOf(state);
     for (int i = 0; found == NULL && i < linkCount(); i++) {
         if (links[i].number == label->link) found = &links[i];
@@ -383,12 +281,12 @@ static ssize_t receive(int fd, struct state state, const struct iovec* parts, si
     const ssize_t received = REAL(recvmsg)(fd, &datagram, flags & ~MSG_TRUNC);
     if (received < 0) return -1;
     if (received < (ssize_t)sizeof packet.label) return fail(EAGAIN);  // no frame: an error queue
-    struct link* const link = receivedFrom(state, &packet.label);
+    struct link* const link = receivedOn(state, &packet.label);
     if (received == sizeof packet.label) {
         if (link != NULL) noteReport(link, &packet.label);
         return fail(ENETDOWN);
     }
-    const size_t size = (size_t)received - sizeof packet.label;
+    const size_t size = (size_t)received - FRAME_AT;
     size_t taken = 0;
     for (size_t i = 0; i < count && taken < size; i++) {
         const size_t fits = parts[i].iov_len < size - taken ? parts[i].iov_len : size - taken;
@@ -399,7 +297,7 @@ static ssize_t receive(int fd, struct state state, const struct iovec* parts, si
     message->msg_flags = datagram.msg_flags | (taken < size ? MSG_TRUNC : 0);
     if (link != NULL && link->number == packet.label.link) message->msg_flags |= MSG_DONTROUTE;
     if (packet.label.audience == SENDER) message->msg_flags |= MSG_CONFIRM;
-    if (message->msg_name != NULL) tellAddress(link, message->msg_name, &message->msg_namelen);
+    if (message->msg_name != NULL) copyAddress(link, message->msg_name, &message->msg_namelen);
     return (ssize_t)taken;
 }
 
@@ -451,6 +349,65 @@ EXPORT int recvmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags,
     return isCan(fd) ? fail(EOPNOTSUPP) : REAL(recvmmsg)(fd, messages, count, flags, limit);
 }
 
+// Interfaces
+
+EXPORT int ioctl(int fd, unsigned long request, ...) {
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    struct ifreq* const asked = argument;
+    const int isAboutLink = request == SIOCGIFNAME || request == SIOCGIFINDEX ||
+                            request == SIOCGIFFLAGS || request == SIOCGIFMTU ||
+                            request == SIOCGIFHWADDR;
+    if (!isAboutLink) return REAL(ioctl)(fd, request, argument);
+    const struct link* const link =
+        request == SIOCGIFNAME ? linkAt(asked->ifr_ifindex) : linkNamed(asked->ifr_name);
+    if (link == NULL) {
+        const int result = REAL(ioctl)(fd, request, argument);
+        if (result != 0 && request != SIOCGIFNAME) reportMissing(asked->ifr_name);
+        return result;
+    }
+    switch (request) {
+        case SIOCGIFNAME:
+            memcpy(asked->ifr_name, link->name, IFNAMSIZ);
+            break;
+        case SIOCGIFINDEX:
+            asked->ifr_ifindex = indexOf(link);
+            break;
+        case SIOCGIFMTU:
+            asked->ifr_mtu = CANFD_MTU;
+            break;
+        case SIOCGIFHWADDR:
+            asked->ifr_hwaddr = (struct sockaddr){.sa_family = ARPHRD_CAN};
+            break;
+        default:
+            asked->ifr_flags = IFF_NOARP | (link->isDown ? 0 : IFF_UP | IFF_RUNNING);
+            break;
+    }
+    return 0;
+}
+
+EXPORT int rtnl_link_alloc_cache(struct nl_sock* socket, int family, struct nl_cache** result) {
+    (void)socket;
+    (void)family;
+    if (failsNow(SIMCAN_CACHE)) return -errno;
+    int error = nl_cache_alloc_name("route/link", result);
+    for (int i = -1; error == 0 && i < linkCount(); i++) {
+        struct rtnl_link* link = rtnl_link_alloc();
+        if (link == NULL) {
+            nl_cache_free(*result);
+            return -NLE_NOMEM;
+        }
+        rtnl_link_set_name(link, i < 0 ? "lo" : links[i].name);
+        rtnl_link_set_ifindex(link, i < 0 ? 1 : indexOf(&links[i]));
+        rtnl_link_set_arptype(link, i < 0 ? ARPHRD_LOOPBACK : ARPHRD_CAN);
+        error = nl_cache_add(*result, (struct nl_object*)link);
+        rtnl_link_put(link);
+    }
+    return error;
+}
+
 // What fortified programs call, which is no call of the above within the C library.
 
 EXPORT ssize_t __read_chk(int fd, void* data, size_t size, size_t room) {
@@ -464,20 +421,4 @@ EXPORT ssize_t __recv_chk(int fd, void* data, size_t size, size_t room, int flag
 EXPORT ssize_t __recvfrom_chk(int fd, void* data, size_t size, size_t room, int flags,
                               struct sockaddr* address, socklen_t* addressSize) {
     return size <= room ? recvfrom(fd, data, size, flags, address, addressSize) : (abort(), -1);
-}
-
-EXPORT void simcan_linkDown(const char* interface) {
-    struct link* const link = linkNamed(interface);
-    if (link == NULL) {
-        if_nametoindex(interface);  // which says that there is none
-        return;
-    }
-    const int fd = openLoopback(SOCK_CLOEXEC);
-    if (fd < 0) return;
-    link->isDown = 1;
-    const uint64_t time = now();
-    const struct label label = {link->bus, link->number, (uint32_t)(time >> 32), (uint32_t)time};
-    const struct sockaddr_in bus = busAddress();
-    REAL(sendto)(fd, &label, sizeof label, 0, (const struct sockaddr*)&bus, sizeof bus);
-    close(fd);
 }
