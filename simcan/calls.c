@@ -1,5 +1,6 @@
 // The calls on CAN sockets, and those that ask for interfaces.
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <net/if_arp.h>
 #include <netlink/cache.h>
@@ -49,7 +50,10 @@ EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
     const int index = ((const struct sockaddr_can*)address)->can_ifindex;
     struct link* const link = linkAt(index);
     if (index != 0 && link == NULL) return fail(ENODEV);
-    if (link != NULL) bringUp(link);
+    if (link != NULL) {
+        bringUp(link);
+        emptyQueue(link);
+    }
     state.link = link != NULL ? (int)(link - links) : ALL_LINKS;
     struct settings settings;
     readSettings(fd, &settings);
@@ -186,7 +190,12 @@ static ssize_t sendFrame(int fd, struct state state, struct packet* packet, size
         (size == CANFD_MTU && packet->frame.len <= CANFD_MAX_DLEN && (state.options & CAN_FD) != 0);
     if (!fits) return fail(EINVAL);
     noteNext(fd, linkOf(state));
+    int room = -1;
+    while (!link->isDown && (room = takeRoom(link)) == 0) {
+        if (waitForRoom(fd, link, flags) != 0) return -1;
+    }
     if (link->isDown) return fail(ENETDOWN);
+    if (room > 0) return (ssize_t)size;  // taken, and never acknowledged
 
     if (size == CANFD_MTU) packet->frame.flags |= FD_FORMAT;
     packet->label = (struct label){link->bus, link->number, numberOf(fd), SENDER};
@@ -388,23 +397,38 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
     return 0;
 }
 
+// Loaded on demand, as programs that do not use libnl must not be given it.
+// clang-format off
+#define LIBNL(X) \
+    X(nl_cache_alloc_name) X(nl_cache_add) X(nl_cache_free) X(rtnl_link_alloc) X(rtnl_link_put) \
+    X(rtnl_link_set_name) X(rtnl_link_set_ifindex) X(rtnl_link_set_arptype)
+// clang-format on
+
 EXPORT int rtnl_link_alloc_cache(struct nl_sock* socket, int family, struct nl_cache** result) {
     (void)socket;
     (void)family;
     if (failsNow(SIMCAN_CACHE)) return -errno;
-    int error = nl_cache_alloc_name("route/link", result);
+    void* const library = dlopen("libnl-route-3.so.200", RTLD_LAZY);
+// NOLINTNEXTLINE: a declaration takes no parentheses
+#define X(name) __typeof__(name)* const name##_ = (__typeof__(name)*)dlsym(library, #name);
+    if (library == NULL) return -NLE_FAILURE;
+    LIBNL(X)
+#undef X
+    int error = nl_cache_alloc_name_("route/link", result);
     for (int i = -1; error == 0 && i < linkCount(); i++) {
-        struct rtnl_link* link = rtnl_link_alloc();
+        struct rtnl_link* link = rtnl_link_alloc_();
         if (link == NULL) {
-            nl_cache_free(*result);
-            return -NLE_NOMEM;
+            nl_cache_free_(*result);
+            error = -NLE_NOMEM;
+            break;
         }
-        rtnl_link_set_name(link, i < 0 ? "lo" : links[i].name);
-        rtnl_link_set_ifindex(link, i < 0 ? 1 : indexOf(&links[i]));
-        rtnl_link_set_arptype(link, i < 0 ? ARPHRD_LOOPBACK : ARPHRD_CAN);
-        error = nl_cache_add(*result, (struct nl_object*)link);
-        rtnl_link_put(link);
+        rtnl_link_set_name_(link, i < 0 ? "lo" : links[i].name);
+        rtnl_link_set_ifindex_(link, i < 0 ? 1 : indexOf(&links[i]));
+        rtnl_link_set_arptype_(link, i < 0 ? ARPHRD_LOOPBACK : ARPHRD_CAN);
+        error = nl_cache_add_(*result, (struct nl_object*)link);
+        rtnl_link_put_(link);
     }
+    dlclose(library);
     return error;
 }
 
