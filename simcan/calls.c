@@ -33,7 +33,9 @@ EXPORT int socket(int domain, int type, int protocol) {
     if (domain != PF_CAN) return REAL(socket)(domain, type, protocol);
     if (failsNow(SIMCAN_SOCKET)) return -1;
     const int flags = type & (SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if ((type & ~flags) != SOCK_RAW || protocol != CAN_RAW) return fail(EPROTONOSUPPORT);
+    if (protocol < 0 || protocol >= CAN_NPROTO) return fail(EINVAL);
+    if (protocol != CAN_RAW) return fail(EPROTONOSUPPORT);
+    if ((type & ~flags) != SOCK_RAW) return fail(EPROTOTYPE);
     const int fd = openLoopback(flags);
     if (fd < 0) return -1;
     const struct state unbound = {NO_LINK, LOOPBACK};
@@ -99,12 +101,12 @@ static int isTaken(int option) {
 
 EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
     struct state state;
-    if ((level != SOL_CAN_RAW && level != SOL_SOCKET) || !readState(fd, &state))
-        return REAL(setsockopt)(fd, level, option, value, size);
+    if (!readState(fd, &state)) return REAL(setsockopt)(fd, level, option, value, size);
     if (level == SOL_SOCKET) {
         if (isTaken(option)) return fail(ENOPROTOOPT);
         return REAL(setsockopt)(fd, level, option, value, size);
     }
+    if (level != SOL_CAN_RAW) return fail(EINVAL);
     struct settings settings;
     readSettings(fd, &settings);
     const int bit = optionBit(option);
@@ -134,14 +136,14 @@ static int copyOut(void* value, socklen_t* size, const void* data, size_t dataSi
 
 EXPORT int getsockopt(int fd, int level, int option, void* value, socklen_t* size) {
     struct state state;
-    if ((level != SOL_CAN_RAW && level != SOL_SOCKET) || !readState(fd, &state))
-        return REAL(getsockopt)(fd, level, option, value, size);
+    if (!readState(fd, &state)) return REAL(getsockopt)(fd, level, option, value, size);
     if (level == SOL_SOCKET) {
-        const int number = option == SO_DOMAIN ? PF_CAN : option == SO_TYPE ? SOCK_RAW : CAN_RAW;
+        const int number = option == SO_DOMAIN ? PF_CAN : option == SO_TYPE ? SOCK_RAW : 0;
         if (option == SO_DOMAIN || option == SO_TYPE || option == SO_PROTOCOL)
             return copyOut(value, size, &number, sizeof number);
         return REAL(getsockopt)(fd, level, option, value, size);
     }
+    if (level != SOL_CAN_RAW) return fail(EINVAL);
     struct settings settings;
     readSettings(fd, &settings);
     if (option == CAN_RAW_FILTER) {
@@ -265,15 +267,14 @@ EXPORT int sendmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags)
 
 // Frames in
 
-// The interface that a socket gets a datagram from: its own, or for one that is bound to all of
-// them, the sender's, or the first on its bus.
+// The interface that a socket receives a frame on: its own, or for a socket that is bound to all of
+// them, the sender's, or another on the bus if that is unknown or the frame was for others alone.
 static struct link* receivedOn(struct state state, const struct label* label) {
     struct link* found = linkOf(state);
-    for (int i = 0; found == NULL && i < linkCount(); i++) {
-        if (links[i].number == label->link) found = &links[i];
-    }
-    for (int i = 0; found == NULL && i < linkCount(); i++) {
-        if (links[i].bus == label->bus) found = &links[i];
+    for (int i = 0; state.link == ALL_LINKS && i < linkCount(); i++) {
+        const int isSenders = links[i].number == label->link;
+        if (isSenders && label->audience != OTHER_LINKS) return &links[i];
+        if (found == NULL && !isSenders && links[i].bus == label->bus) found = &links[i];
     }
     return found;
 }
@@ -369,6 +370,7 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
     const int isAboutLink = request == SIOCGIFNAME || request == SIOCGIFINDEX ||
                             request == SIOCGIFFLAGS || request == SIOCGIFMTU ||
                             request == SIOCGIFHWADDR;
+    if ((request == FIONREAD || request == TIOCOUTQ) && isCan(fd)) return fail(ENOTTY);
     if (!isAboutLink) return REAL(ioctl)(fd, request, argument);
     const struct link* const link =
         request == SIOCGIFNAME ? linkAt(asked->ifr_ifindex) : linkNamed(asked->ifr_name);
