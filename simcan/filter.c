@@ -110,17 +110,30 @@ static void addAudience(struct program* program, uint32_t link, uint32_t own) {
     land(program, received);
 }
 
-// Passes error frames of the kinds asked for. As in the kernel, a filter whose mask has the error
-// flag asks for errors.
+static void countMatch(struct program* program, uint32_t errors) {
+    add(program, BPF_LD | BPF_MEM, 0, 0, 0);
+    const size_t other = jumpUnless(program, BPF_JSET, htonl(errors));
+    add(program, BPF_LD | BPF_MEM, 0, 0, 1);
+    add(program, BPF_ALU | BPF_ADD | BPF_K, 0, 0, 1);
+    add(program, BPF_ST, 0, 0, 1);
+    land(program, other);
+}
+
+// Passes error frames of the kinds asked for, by the error mask or by a filter whose mask has the
+// error flag. As in the kernel, joined filters want as many matches as there are filters, and the
+// error mask is one match more.
 static void addErrorFilters(struct program* program, struct state state,
                             const struct settings* settings) {
-    uint32_t errors = settings->errors;
+    add(program, BPF_LD | BPF_IMM, 0, 0, 0);
+    add(program, BPF_ST, 0, 0, 1);
+    countMatch(program, settings->errors);
     for (uint32_t i = 0; i < settings->count; i++) {
         const canid_t mask = settings->filters[i].can_mask;
-        if ((mask & CAN_ERR_FLAG) != 0) errors |= mask & CAN_ERR_MASK;
+        if ((mask & CAN_ERR_FLAG) != 0) countMatch(program, mask & CAN_ERR_MASK);
     }
-    if ((state.options & JOINED) != 0 && settings->count > 1) errors = 0;  // none matches them all
-    endIf(program, BPF_JSET, htonl(errors), PASS);
+    const int all = (state.options & JOINED) != 0 && settings->count > 0;
+    add(program, BPF_LD | BPF_MEM, 0, 0, 1);
+    endIf(program, BPF_JGE, all ? settings->count : 1, PASS);
     end(program, DROP);
 }
 
