@@ -3,7 +3,9 @@
 // whose filter passes it. So epoll, time stamps, queues and blocking are the kernel's own.
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
+#include <stdio.h>
 #include <time.h>
 
 #include "internal.h"
@@ -42,7 +44,14 @@ int joinBuses(int fd) {
     const int shared = 1;
     if (REAL(setsockopt)(fd, SOL_SOCKET, SO_REUSEADDR, &shared, sizeof shared) != 0) return -1;
     if (REAL(setsockopt)(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0) return -1;
-    return REAL(bind)(fd, (const struct sockaddr*)&bus, sizeof bus);
+    if (REAL(bind)(fd, (const struct sockaddr*)&bus, sizeof bus) == 0) return 0;
+    if (errno == EADDRINUSE) {
+        fprintf(stderr,
+                "simcan: another program uses UDP port %d: set SIMCAN_RUN to another text\n",
+                ntohs(bus.sin_port));
+        errno = EADDRINUSE;
+    }
+    return -1;
 }
 
 ssize_t sendToBus(int fd, const void* data, size_t size, int flags) {

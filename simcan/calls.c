@@ -52,10 +52,7 @@ EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
     const int index = ((const struct sockaddr_can*)address)->can_ifindex;
     struct link* const link = linkAt(index);
     if (index != 0 && link == NULL) return fail(ENODEV);
-    if (link != NULL) {
-        bringUp(link);
-        emptyQueue(link);
-    }
+    if (link != NULL) bringUp(link);
     state.link = link != NULL ? (int)(link - links) : ALL_LINKS;
     struct settings settings;
     readSettings(fd, &settings);
@@ -95,8 +92,15 @@ static int optionBit(int option) {
 
 // True for options that hold what the simulated bus needs.
 static int isTaken(int option) {
-    return option == SO_RCVLOWAT || option == SO_BINDTODEVICE || option == SO_ATTACH_FILTER ||
-           option == SO_ATTACH_BPF || option == SO_DETACH_FILTER;
+    return option == SO_RCVLOWAT || option == SO_BINDTODEVICE || option == SO_BINDTOIFINDEX ||
+           option == SO_ATTACH_FILTER || option == SO_ATTACH_BPF || option == SO_DETACH_FILTER ||
+           option == SO_LOCK_FILTER;
+}
+
+// True for options that are accepted without effect: all sockets share the address of the group,
+// and the kernel would count what the filter dropped.
+static int isIgnored(int option) {
+    return option == SO_REUSEADDR || option == SO_RXQ_OVFL;
 }
 
 EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
@@ -104,6 +108,7 @@ EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_
     if (!readState(fd, &state)) return REAL(setsockopt)(fd, level, option, value, size);
     if (level == SOL_SOCKET) {
         if (isTaken(option)) return fail(ENOPROTOOPT);
+        if (isIgnored(option)) return size >= sizeof(int) ? 0 : fail(EINVAL);
         return REAL(setsockopt)(fd, level, option, value, size);
     }
     if (level != SOL_CAN_RAW) return fail(EINVAL);
@@ -192,12 +197,7 @@ static ssize_t sendFrame(int fd, struct state state, struct packet* packet, size
         (size == CANFD_MTU && packet->frame.len <= CANFD_MAX_DLEN && (state.options & CAN_FD) != 0);
     if (!fits) return fail(EINVAL);
     noteNext(fd, linkOf(state));
-    int room = -1;
-    while (!link->isDown && (room = takeRoom(link)) == 0) {
-        if (waitForRoom(fd, link, flags) != 0) return -1;
-    }
     if (link->isDown) return fail(ENETDOWN);
-    if (room > 0) return (ssize_t)size;  // taken, and never acknowledged
 
     if (size == CANFD_MTU) packet->frame.flags |= FD_FORMAT;
     packet->label = (struct label){link->bus, link->number, numberOf(fd), SENDER};
@@ -297,6 +297,8 @@ static ssize_t receive(int fd, struct state state, const struct iovec* parts, si
         return fail(ENETDOWN);
     }
     const size_t size = (size_t)received - FRAME_AT;
+    const uint8_t most = size == CAN_MTU ? CAN_MAX_DLEN : CANFD_MAX_DLEN;
+    if (packet.frame.len > most) packet.frame.len = most;  // any program may send datagrams
     size_t taken = 0;
     for (size_t i = 0; i < count && taken < size; i++) {
         const size_t fits = parts[i].iov_len < size - taken ? parts[i].iov_len : size - taken;
