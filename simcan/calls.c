@@ -52,7 +52,10 @@ EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
     const int index = ((const struct sockaddr_can*)address)->can_ifindex;
     struct link* const link = linkAt(index);
     if (index != 0 && link == NULL) return fail(ENODEV);
-    if (link != NULL) bringUp(link);
+    if (link != NULL) {
+        bringUp(link);
+        emptyQueue(link);
+    }
     state.link = link != NULL ? (int)(link - links) : ALL_LINKS;
     struct settings settings;
     readSettings(fd, &settings);
@@ -197,7 +200,12 @@ static ssize_t sendFrame(int fd, struct state state, struct packet* packet, size
         (size == CANFD_MTU && packet->frame.len <= CANFD_MAX_DLEN && (state.options & CAN_FD) != 0);
     if (!fits) return fail(EINVAL);
     noteNext(fd, linkOf(state));
+    int room = -1;
+    while (!link->isDown && (room = takeRoom(link)) == 0) {
+        if (waitForRoom(fd, link, flags) != 0) return -1;
+    }
     if (link->isDown) return fail(ENETDOWN);
+    if (room > 0) return (ssize_t)size;  // taken, and never acknowledged
 
     if (size == CANFD_MTU) packet->frame.flags |= FD_FORMAT;
     packet->label = (struct label){link->bus, link->number, numberOf(fd), SENDER};

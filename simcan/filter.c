@@ -194,3 +194,10 @@ void extractSettings(const struct program* program, struct settings* settings) {
         settings->filters[i].can_mask = program->code[3 + 2 * i].k;
     }
 }
+
+void compileReports(struct program* program) {
+    program->length = 0;
+    add(program, BPF_LD | BPF_W | BPF_LEN, 0, 0, 0);
+    endIf(program, BPF_JGT, sizeof(struct udphdr) + sizeof(struct label), DROP);
+    end(program, PASS);
+}

@@ -58,6 +58,9 @@ int indexOf(const struct link* link);
 uint64_t runNumber(void);
 // Reports, once per process, an interface that is neither real nor simulated.
 void reportMissing(const char* name);
+// Ends the process because a word of an environment variable is wrong.
+_Noreturn void refuse(const char* variable, const char* word, const char* why, const char* right);
+#define BLANKS " \t\n"
 
 // bus.c: the multicast group that carries the frames of all buses.
 
@@ -114,6 +117,7 @@ struct program {
 struct link* linkOf(struct state state);
 void compileFilter(struct program* program, struct state state, uint32_t socket,
                    const struct settings* settings);
+void compileReports(struct program* program);
 void extractSettings(const struct program* program, struct settings* settings);
 
 // state.c: what a socket keeps.
@@ -130,5 +134,10 @@ uint32_t numberOf(int fd);
 
 // True, with errno set, if this call is to fail.
 int failsNow(enum simcan_Call call);
+// How many frames a stalled link had room for, one of which is taken; below 0 if it is not stalled.
+int takeRoom(const struct link* link);
+void emptyQueue(const struct link* link);
+// Waits until the stall or the link ends, as a write to a full queue does: 0, or -1 with errno set.
+int waitForRoom(int fd, struct link* link, int flags);
 
 #endif

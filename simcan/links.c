@@ -27,10 +27,32 @@ static const char* setting(void) {
     return text != NULL ? text : "can0 can1";
 }
 
+void refuse(const char* variable, const char* word, const char* why, const char* right) {
+    const char* const text = getenv(variable);
+    fprintf(stderr, "simcan: %s='%s': '%s' %s. Write %s\n", variable, text, word, why, right);
+    _exit(2);
+}
+
 static struct link* find(const char* name) {
     for (int i = 0; i < count; i++) {
         if (strcmp(links[i].name, name) == 0) return &links[i];
     }
+    return NULL;
+}
+
+// Adds an interface. Returns what is wrong with it, or NULL.
+static const char* addLink(const char* name, const char* bus) {
+    const char* const letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
+    if (*name == '\0' || *bus == '\0' || name[strspn(name, letters)] != '\0' ||
+        bus[strspn(bus, letters)] != '\0')
+        return "is neither NAME nor NAME:BUS";
+    if (strlen(name) >= IFNAMSIZ) return "has more than 15 characters";
+    if (find(name) != NULL) return "stands twice";
+    if (count == LINK_LIMIT) return "is one interface too many";
+    struct link* const link = &links[count++];
+    memcpy(link->name, name, strlen(name) + 1);
+    link->bus = (uint32_t)hash(run, bus);
+    link->number = (uint32_t)hash(link->bus, name);
     return NULL;
 }
 
@@ -39,23 +61,19 @@ static void readLinks(void) {
     run = hash(getuid(), text != NULL ? text : "");
     char* list = strdup(setting());
     char* rest = NULL;
-    for (char* word = list ? strtok_r(list, " \t\n", &rest) : NULL; word != NULL;
-         word = strtok_r(NULL, " \t\n", &rest)) {
-        char* colon = strchr(word, ':');
+    const char* const right = "SIMCAN='can0 can1', or 'can0:left can1:right'";
+    for (char* word = list != NULL ? strtok_r(list, BLANKS, &rest) : NULL; word != NULL;
+         word = strtok_r(NULL, BLANKS, &rest)) {
+        char* const colon = strchr(word, ':');
         if (colon != NULL) *colon = '\0';
-        if (*word == '\0' || strlen(word) >= IFNAMSIZ || count == LINK_LIMIT) {
-            fprintf(stderr, "simcan: '%s' is no interface, or one too many\n", word);
-            continue;
-        }
-        struct link* link = &links[count++];
-        memcpy(link->name, word, strlen(word) + 1);
-        link->bus = (uint32_t)hash(run, colon != NULL ? colon + 1 : "0");
-        link->number = (uint32_t)hash(link->bus, link->name);
+        const char* const wrong = addLink(word, colon != NULL ? colon + 1 : "0");
+        if (wrong != NULL) refuse("SIMCAN", word, wrong, right);
     }
+    if (count == 0) refuse("SIMCAN", "", "names no interface", right);
     free(list);
 }
 
-int linkCount(void) {
+__attribute__((constructor)) int linkCount(void) {
     pthread_once(&linksRead, readLinks);
     return count;
 }
