@@ -240,7 +240,8 @@ EXPORT ssize_t writev(int fd, const struct iovec* parts, int count) {
     struct state state;
     struct packet packet;
     if (!readState(fd, &state)) return REAL(writev)(fd, parts, count);
-    return sendFrame(fd, state, &packet, gather(&packet, parts, (size_t)count), 0, NULL, 0);
+    const size_t size = gather(&packet, parts, (size_t)count);
+    return size == 0 ? 0 : sendFrame(fd, state, &packet, size, 0, NULL, 0);
 }
 
 static ssize_t sendBytes(int fd, struct state state, const void* data, size_t size, int flags,
@@ -361,7 +362,9 @@ EXPORT ssize_t read(int fd, void* data, size_t size) {
 EXPORT ssize_t readv(int fd, const struct iovec* parts, int count) {
     struct state state;
     if (!readState(fd, &state)) return REAL(readv)(fd, parts, count);
-    return receiveParts(fd, state, parts, (size_t)count, 0);
+    int first = 0;
+    while (first < count && parts[first].iov_len == 0) first++;
+    return first == count ? 0 : receiveParts(fd, state, parts, (size_t)count, 0);
 }
 
 EXPORT int recvmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags,
