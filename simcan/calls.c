@@ -461,3 +461,20 @@ EXPORT ssize_t __recvfrom_chk(int fd, void* data, size_t size, size_t room, int 
                               struct sockaddr* address, socklen_t* addressSize) {
     return size <= room ? recvfrom(fd, data, size, flags, address, addressSize) : (abort(), -1);
 }
+
+#if __TIMESIZE == 32
+// What programs call on 32-bit machines that are built with 64-bit time.
+#define TIME64(name, plain) \
+    EXPORT __typeof__(plain) name __attribute__((alias(#plain), copy(plain)));
+TIME64(__setsockopt64, setsockopt)
+TIME64(__getsockopt64, getsockopt)
+TIME64(__ioctl_time64, ioctl)
+TIME64(__sendmsg64, sendmsg)
+TIME64(__sendmmsg64, sendmmsg)
+TIME64(__recvmsg64, recvmsg)
+
+EXPORT int __recvmmsg64(int fd, struct mmsghdr* messages, unsigned count, int flags, void* limit) {
+    __typeof__(recvmmsg)* const next = (__typeof__(recvmmsg)*)dlsym(RTLD_NEXT, "__recvmmsg64");
+    return isCan(fd) ? fail(EOPNOTSUPP) : next(fd, messages, count, flags, limit);
+}
+#endif
