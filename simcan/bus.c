@@ -59,6 +59,13 @@ ssize_t sendToBus(int fd, const void* data, size_t size, int flags) {
     return REAL(sendto)(fd, data, size, flags, (const struct sockaddr*)&bus, sizeof bus);
 }
 
+void sendOnce(const void* data, size_t size) {
+    const int fd = openLoopback(SOCK_CLOEXEC);
+    if (fd < 0) return;
+    sendToBus(fd, data, size, 0);
+    close(fd);
+}
+
 static uint64_t now(void) {
     struct timespec time;
     clock_gettime(CLOCK_MONOTONIC, &time);
@@ -71,13 +78,10 @@ void bringUp(struct link* link) {
 }
 
 void takeDown(struct link* link) {
-    const int fd = openLoopback(SOCK_CLOEXEC);
-    if (fd < 0) return;
     link->isDown = 1;
     const uint64_t time = now();
     const struct label report = {link->bus, link->number, (uint32_t)(time >> 32), (uint32_t)time};
-    sendToBus(fd, &report, sizeof report, 0);
-    close(fd);
+    sendOnce(&report, sizeof report);
 }
 
 void noteReport(struct link* link, const struct label* report) {

@@ -25,10 +25,6 @@ static int fail(int error) {
     return -1;
 }
 
-static int isCan(int fd) {
-    return readState(fd, &(struct state){0});
-}
-
 EXPORT int socket(int domain, int type, int protocol) {
     if (domain != PF_CAN) return REAL(socket)(domain, type, protocol);
     if (failsNow(SIMCAN_SOCKET)) return -1;
@@ -38,7 +34,7 @@ EXPORT int socket(int domain, int type, int protocol) {
     if ((type & ~flags) != SOCK_RAW) return fail(EPROTOTYPE);
     const int fd = openLoopback(flags);
     if (fd < 0) return -1;
-    const struct state unbound = {NO_LINK, LOOPBACK};
+    const struct state unbound = {NO_LINK, LOOPBACK, 1};
     if (applyState(fd, unbound, &initial) == 0 && joinBuses(fd) == 0) return fd;
     const int error = errno;
     close(fd);
@@ -46,8 +42,8 @@ EXPORT int socket(int domain, int type, int protocol) {
 }
 
 EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(bind)(fd, address, size);
+    struct state state = readState(fd);
+    if (!state.isCan) return REAL(bind)(fd, address, size);
     if (size < ADDRESS_SIZE || address->sa_family != AF_CAN) return fail(EINVAL);
     const int index = ((const struct sockaddr_can*)address)->can_ifindex;
     struct link* const link = linkAt(index);
@@ -71,18 +67,18 @@ static void copyAddress(const struct link* link, void* address, socklen_t* size)
 }
 
 EXPORT int getsockname(int fd, struct sockaddr* address, socklen_t* size) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(getsockname)(fd, address, size);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(getsockname)(fd, address, size);
     copyAddress(linkOf(state), address, size);
     return 0;
 }
 
 EXPORT int connect(int fd, const struct sockaddr* address, socklen_t size) {
-    return isCan(fd) ? fail(EOPNOTSUPP) : REAL(connect)(fd, address, size);
+    return readState(fd).isCan ? fail(EOPNOTSUPP) : REAL(connect)(fd, address, size);
 }
 
 EXPORT int shutdown(int fd, int how) {
-    return isCan(fd) ? fail(EOPNOTSUPP) : REAL(shutdown)(fd, how);
+    return readState(fd).isCan ? fail(EOPNOTSUPP) : REAL(shutdown)(fd, how);
 }
 
 // Options
@@ -100,18 +96,15 @@ static int isTaken(int option) {
            option == SO_LOCK_FILTER;
 }
 
-// True for options that are accepted without effect: all sockets share the address of the group,
-// and the kernel would count what the filter dropped.
-static int isIgnored(int option) {
-    return option == SO_REUSEADDR || option == SO_RXQ_OVFL;
-}
-
 EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(setsockopt)(fd, level, option, value, size);
+    struct state state = readState(fd);
+    if (!state.isCan) return REAL(setsockopt)(fd, level, option, value, size);
     if (level == SOL_SOCKET) {
         if (isTaken(option)) return fail(ENOPROTOOPT);
-        if (isIgnored(option)) return size >= sizeof(int) ? 0 : fail(EINVAL);
+        // Without effect: all sockets share an address, and the kernel counts what the filter
+        // drops.
+        if (option == SO_REUSEADDR || option == SO_RXQ_OVFL)
+            return size >= sizeof(int) ? 0 : fail(EINVAL);
         return REAL(setsockopt)(fd, level, option, value, size);
     }
     if (level != SOL_CAN_RAW) return fail(EINVAL);
@@ -143,8 +136,8 @@ static int copyOut(void* value, socklen_t* size, const void* data, size_t dataSi
 }
 
 EXPORT int getsockopt(int fd, int level, int option, void* value, socklen_t* size) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(getsockopt)(fd, level, option, value, size);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(getsockopt)(fd, level, option, value, size);
     if (level == SOL_SOCKET) {
         const int number = option == SO_DOMAIN ? PF_CAN : option == SO_TYPE ? SOCK_RAW : 0;
         if (option == SO_DOMAIN || option == SO_TYPE || option == SO_PROTOCOL)
@@ -228,18 +221,18 @@ static size_t gather(struct packet* packet, const struct iovec* parts, size_t co
 }
 
 EXPORT ssize_t sendmsg(int fd, const struct msghdr* message, int flags) {
-    struct state state;
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(sendmsg)(fd, message, flags);
     struct packet packet;
-    if (!readState(fd, &state)) return REAL(sendmsg)(fd, message, flags);
     const size_t size = gather(&packet, message->msg_iov, message->msg_iovlen);
     const struct sockaddr* const address = message->msg_namelen != 0 ? message->msg_name : NULL;
     return sendFrame(fd, state, &packet, size, flags, address, message->msg_namelen);
 }
 
 EXPORT ssize_t writev(int fd, const struct iovec* parts, int count) {
-    struct state state;
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(writev)(fd, parts, count);
     struct packet packet;
-    if (!readState(fd, &state)) return REAL(writev)(fd, parts, count);
     const size_t size = gather(&packet, parts, (size_t)count);
     return size == 0 ? 0 : sendFrame(fd, state, &packet, size, 0, NULL, 0);
 }
@@ -253,25 +246,25 @@ static ssize_t sendBytes(int fd, struct state state, const void* data, size_t si
 
 EXPORT ssize_t sendto(int fd, const void* data, size_t size, int flags,
                       const struct sockaddr* address, socklen_t addressSize) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(sendto)(fd, data, size, flags, address, addressSize);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(sendto)(fd, data, size, flags, address, addressSize);
     return sendBytes(fd, state, data, size, flags, address, addressSize);
 }
 
 EXPORT ssize_t send(int fd, const void* data, size_t size, int flags) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(send)(fd, data, size, flags);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(send)(fd, data, size, flags);
     return sendBytes(fd, state, data, size, flags, NULL, 0);
 }
 
 EXPORT ssize_t write(int fd, const void* data, size_t size) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(write)(fd, data, size);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(write)(fd, data, size);
     return sendBytes(fd, state, data, size, 0, NULL, 0);
 }
 
 EXPORT int sendmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags) {
-    return isCan(fd) ? fail(EOPNOTSUPP) : REAL(sendmmsg)(fd, messages, count, flags);
+    return readState(fd).isCan ? fail(EOPNOTSUPP) : REAL(sendmmsg)(fd, messages, count, flags);
 }
 
 // Frames in
@@ -288,9 +281,7 @@ static struct link* receivedOn(struct state state, const struct label* label) {
     return found;
 }
 
-// Takes a frame apart into `parts`; what else a caller asks for is in `message`.
-static ssize_t receive(int fd, struct state state, const struct iovec* parts, size_t count,
-                       struct msghdr* message, int flags) {
+static ssize_t receive(int fd, struct state state, struct msghdr* message, int flags) {
     struct packet packet;
     struct iovec part = {&packet, sizeof packet};
     struct msghdr datagram = *message;
@@ -309,9 +300,10 @@ static ssize_t receive(int fd, struct state state, const struct iovec* parts, si
     const uint8_t most = size == CAN_MTU ? CAN_MAX_DLEN : CANFD_MAX_DLEN;
     if (packet.frame.len > most) packet.frame.len = most;  // any program may send datagrams
     size_t taken = 0;
-    for (size_t i = 0; i < count && taken < size; i++) {
-        const size_t fits = parts[i].iov_len < size - taken ? parts[i].iov_len : size - taken;
-        memcpy(parts[i].iov_base, (const char*)&packet.frame + taken, fits);
+    for (size_t i = 0; i < message->msg_iovlen && taken < size; i++) {
+        const struct iovec* const room = &message->msg_iov[i];
+        const size_t fits = room->iov_len < size - taken ? room->iov_len : size - taken;
+        memcpy(room->iov_base, (const char*)&packet.frame + taken, fits);
         taken += fits;
     }
     message->msg_controllen = datagram.msg_controllen;
@@ -323,53 +315,54 @@ static ssize_t receive(int fd, struct state state, const struct iovec* parts, si
 }
 
 EXPORT ssize_t recvmsg(int fd, struct msghdr* message, int flags) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(recvmsg)(fd, message, flags);
-    return receive(fd, state, message->msg_iov, message->msg_iovlen, message, flags);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(recvmsg)(fd, message, flags);
+    return receive(fd, state, message, flags);
 }
 
 EXPORT ssize_t recvfrom(int fd, void* data, size_t size, int flags, struct sockaddr* address,
                         socklen_t* addressSize) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(recvfrom)(fd, data, size, flags, address, addressSize);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(recvfrom)(fd, data, size, flags, address, addressSize);
     if (address != NULL && addressSize == NULL) return fail(EFAULT);
-    const struct iovec part = {data, size};
-    struct msghdr message = {.msg_name = address, .msg_namelen = address ? *addressSize : 0};
-    const ssize_t received = receive(fd, state, &part, 1, &message, flags);
+    struct msghdr message = {.msg_iov = &(struct iovec){data, size}, .msg_iovlen = 1};
+    message.msg_name = address;
+    message.msg_namelen = address != NULL ? *addressSize : 0;
+    const ssize_t received = receive(fd, state, &message, flags);
     if (address != NULL && received >= 0) *addressSize = message.msg_namelen;
     return received;
 }
 
-// Receives for a caller that asks for nothing else.
-static ssize_t receiveParts(int fd, struct state state, const struct iovec* parts, size_t count,
-                            int flags) {
-    struct msghdr message = {.msg_name = NULL};
-    return receive(fd, state, parts, count, &message, flags);
+static ssize_t receiveBytes(int fd, struct state state, void* data, size_t size, int flags) {
+    struct msghdr message = {.msg_iov = &(struct iovec){data, size}, .msg_iovlen = 1};
+    return receive(fd, state, &message, flags);
 }
 
 EXPORT ssize_t recv(int fd, void* data, size_t size, int flags) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(recv)(fd, data, size, flags);
-    return receiveParts(fd, state, &(struct iovec){data, size}, 1, flags);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(recv)(fd, data, size, flags);
+    return receiveBytes(fd, state, data, size, flags);
 }
 
 EXPORT ssize_t read(int fd, void* data, size_t size) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(read)(fd, data, size);
-    return size == 0 ? 0 : receiveParts(fd, state, &(struct iovec){data, size}, 1, 0);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(read)(fd, data, size);
+    return size == 0 ? 0 : receiveBytes(fd, state, data, size, 0);
 }
 
 EXPORT ssize_t readv(int fd, const struct iovec* parts, int count) {
-    struct state state;
-    if (!readState(fd, &state)) return REAL(readv)(fd, parts, count);
-    int first = 0;
-    while (first < count && parts[first].iov_len == 0) first++;
-    return first == count ? 0 : receiveParts(fd, state, parts, (size_t)count, 0);
+    const struct state state = readState(fd);
+    if (!state.isCan) return REAL(readv)(fd, parts, count);
+    struct msghdr message = {.msg_iov = (struct iovec*)(uintptr_t)parts};
+    size_t room = 0;
+    while (message.msg_iovlen < (size_t)count) room += parts[message.msg_iovlen++].iov_len;
+    return room == 0 ? 0 : receive(fd, state, &message, 0);
 }
 
 EXPORT int recvmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags,
                     struct timespec* limit) {
-    return isCan(fd) ? fail(EOPNOTSUPP) : REAL(recvmmsg)(fd, messages, count, flags, limit);
+    return readState(fd).isCan ? fail(EOPNOTSUPP)
+                               : REAL(recvmmsg)(fd, messages, count, flags, limit);
 }
 
 // Interfaces
@@ -383,7 +376,7 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
     const int isAboutLink = request == SIOCGIFNAME || request == SIOCGIFINDEX ||
                             request == SIOCGIFFLAGS || request == SIOCGIFMTU ||
                             request == SIOCGIFHWADDR;
-    if ((request == FIONREAD || request == TIOCOUTQ) && isCan(fd)) return fail(ENOTTY);
+    if ((request == FIONREAD || request == TIOCOUTQ) && readState(fd).isCan) return fail(ENOTTY);
     if (!isAboutLink) return REAL(ioctl)(fd, request, argument);
     const struct link* const link =
         request == SIOCGIFNAME ? linkAt(asked->ifr_ifindex) : linkNamed(asked->ifr_name);
@@ -392,23 +385,12 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
         if (result != 0 && request != SIOCGIFNAME) reportMissing(asked->ifr_name);
         return result;
     }
-    switch (request) {
-        case SIOCGIFNAME:
-            memcpy(asked->ifr_name, link->name, IFNAMSIZ);
-            break;
-        case SIOCGIFINDEX:
-            asked->ifr_ifindex = indexOf(link);
-            break;
-        case SIOCGIFMTU:
-            asked->ifr_mtu = CANFD_MTU;
-            break;
-        case SIOCGIFHWADDR:
-            asked->ifr_hwaddr = (struct sockaddr){.sa_family = ARPHRD_CAN};
-            break;
-        default:
-            asked->ifr_flags = IFF_NOARP | (link->isDown ? 0 : IFF_UP | IFF_RUNNING);
-            break;
-    }
+    if (request == SIOCGIFNAME) memcpy(asked->ifr_name, link->name, IFNAMSIZ);
+    if (request == SIOCGIFINDEX) asked->ifr_ifindex = indexOf(link);
+    if (request == SIOCGIFMTU) asked->ifr_mtu = CANFD_MTU;
+    if (request == SIOCGIFHWADDR) asked->ifr_hwaddr = (struct sockaddr){.sa_family = ARPHRD_CAN};
+    if (request == SIOCGIFFLAGS)
+        asked->ifr_flags = IFF_NOARP | (link->isDown ? 0 : IFF_UP | IFF_RUNNING);
     return 0;
 }
 
@@ -434,8 +416,7 @@ EXPORT int rtnl_link_alloc_cache(struct nl_sock* socket, int family, struct nl_c
         struct rtnl_link* link = rtnl_link_alloc_();
         if (link == NULL) {
             nl_cache_free_(*result);
-            error = -NLE_NOMEM;
-            break;
+            return -NLE_NOMEM;
         }
         rtnl_link_set_name_(link, i < 0 ? "lo" : links[i].name);
         rtnl_link_set_ifindex_(link, i < 0 ? 1 : indexOf(&links[i]));
@@ -475,6 +456,6 @@ TIME64(__recvmsg64, recvmsg)
 
 EXPORT int __recvmmsg64(int fd, struct mmsghdr* messages, unsigned count, int flags, void* limit) {
     __typeof__(recvmmsg)* const next = (__typeof__(recvmmsg)*)dlsym(RTLD_NEXT, "__recvmmsg64");
-    return isCan(fd) ? fail(EOPNOTSUPP) : next(fd, messages, count, flags, limit);
+    return readState(fd).isCan ? fail(EOPNOTSUPP) : next(fd, messages, count, flags, limit);
 }
 #endif

@@ -145,10 +145,7 @@ EXPORT void simcan_stall(const char* interface, int frames) {
     if (link == NULL) return;
     ensureOrders();
     queues[link - links].size = queues[link - links].room = frames;
-    const int fd = openLoopback(SOCK_CLOEXEC);
-    if (fd < 0) return;
-    sendToBus(fd, "", 0, 0);  // wakes writes that wait
-    close(fd);
+    sendOnce("", 0);  // wakes writes that wait
 }
 
 int takeRoom(const struct link* link) {

@@ -49,16 +49,12 @@ static void land(struct program* program, size_t from) {
     }
 }
 
-static void endIf(struct program* program, uint16_t test, uint32_t value, int passes) {
-    const size_t otherwise = jumpUnless(program, test, value);
+// Ends the program when the test has this outcome.
+static void endWhen(struct program* program, int outcome, uint16_t test, uint32_t value,
+                    int passes) {
+    const size_t other = outcome ? jumpUnless(program, test, value) : jumpIf(program, test, value);
     end(program, passes);
-    land(program, otherwise);
-}
-
-static void endUnless(struct program* program, uint16_t test, uint32_t value, int passes) {
-    const size_t onward = jumpIf(program, test, value);
-    end(program, passes);
-    land(program, onward);
+    land(program, other);
 }
 
 struct link* linkOf(struct state state) {
@@ -71,11 +67,11 @@ static void addFormats(struct program* program, struct state state, uint32_t lin
     add(program, BPF_LD | BPF_W | BPF_LEN, 0, 0, 0);
     const size_t frame = jumpUnless(program, BPF_JEQ, empty);
     load(program, offsetof(struct label, link));
-    endIf(program, BPF_JEQ, htonl(link), PASS);
+    endWhen(program, 1, BPF_JEQ, htonl(link), PASS);
     end(program, DROP);
     land(program, frame);
     const size_t classic = jumpIf(program, BPF_JEQ, empty + CAN_MTU);
-    endUnless(program, BPF_JEQ, (state.options & CAN_FD) != 0 ? empty + CANFD_MTU : 0, DROP);
+    endWhen(program, 0, BPF_JEQ, (state.options & CAN_FD) != 0 ? empty + CANFD_MTU : 0, DROP);
     land(program, classic);
 }
 
@@ -99,14 +95,14 @@ static void addAudience(struct program* program, uint32_t link, uint32_t own) {
     const size_t toSender = jumpIf(program, BPF_JEQ, htonl(SENDER));
     const size_t toOthers = jumpIf(program, BPF_JEQ, htonl(OTHERS));
     load(program, offsetof(struct label, link));
-    endIf(program, BPF_JEQ, htonl(link), DROP);
+    endWhen(program, 1, BPF_JEQ, htonl(link), DROP);
     land(program, toOthers);
     load(program, offsetof(struct label, socket));
-    endIf(program, BPF_JEQ, htonl(own), DROP);
+    endWhen(program, 1, BPF_JEQ, htonl(own), DROP);
     const size_t received = jump(program);
     land(program, toSender);
     load(program, offsetof(struct label, socket));
-    endUnless(program, BPF_JEQ, htonl(own), DROP);
+    endWhen(program, 0, BPF_JEQ, htonl(own), DROP);
     land(program, received);
 }
 
@@ -133,7 +129,7 @@ static void addErrorFilters(struct program* program, struct state state,
     }
     const int all = (state.options & JOINED) != 0 && settings->count > 0;
     add(program, BPF_LD | BPF_MEM, 0, 0, 1);
-    endIf(program, BPF_JGE, all ? settings->count : 1, PASS);
+    endWhen(program, 1, BPF_JGE, all ? settings->count : 1, PASS);
     end(program, DROP);
 }
 
@@ -153,11 +149,8 @@ static void addFilters(struct program* program, struct state state,
         }
         add(program, BPF_LD | BPF_MEM, 0, 0, 0);
         add(program, BPF_ALU | BPF_AND | BPF_K, 0, 0, htonl(mask));
-        if (((id & CAN_INV_FILTER) != 0) == joined) {
-            endIf(program, BPF_JEQ, htonl(id & mask), !joined);
-        } else {
-            endUnless(program, BPF_JEQ, htonl(id & mask), !joined);
-        }
+        const int outcome = ((id & CAN_INV_FILTER) != 0) == joined;
+        endWhen(program, outcome, BPF_JEQ, htonl(id & mask), !joined);
     }
     end(program, joined && settings->count > 0);
 }
@@ -198,6 +191,6 @@ void extractSettings(const struct program* program, struct settings* settings) {
 void compileReports(struct program* program) {
     program->length = 0;
     add(program, BPF_LD | BPF_W | BPF_LEN, 0, 0, 0);
-    endIf(program, BPF_JGT, sizeof(struct udphdr) + sizeof(struct label), DROP);
+    endWhen(program, 1, BPF_JGT, sizeof(struct udphdr) + sizeof(struct label), DROP);
     end(program, PASS);
 }

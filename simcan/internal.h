@@ -85,6 +85,7 @@ enum { FRAME_AT = offsetof(struct packet, frame) };
 int openLoopback(int flags);
 int joinBuses(int fd);
 ssize_t sendToBus(int fd, const void* data, size_t size, int flags);
+void sendOnce(const void* data, size_t size);
 // A process that binds a socket to a link has brought it up.
 void bringUp(struct link* link);
 void takeDown(struct link* link);
@@ -95,8 +96,8 @@ void noteReport(struct link* link, const struct label* report);
 
 // What each call on a CAN socket needs: its link, and what is switched on.
 struct state {
-    int link;
-    int options;
+    int link, options;
+    int isCan;  // if it is 0, the rest means nothing
 };
 enum { ALL_LINKS = LINK_LIMIT, NO_LINK = -1 };
 enum { LOOPBACK = 1, OWN_FRAMES = 2, CAN_FD = 4, JOINED = 8 };
@@ -122,8 +123,8 @@ void extractSettings(const struct program* program, struct settings* settings);
 
 // state.c: what a socket keeps.
 
-// False, and errno as it was, when it is no CAN socket.
-int readState(int fd, struct state* state);
+// Leaves errno as it was.
+struct state readState(int fd);
 void readSettings(int fd, struct settings* settings);
 int applyState(int fd, struct state state, const struct settings* settings);
 int attachFilter(int fd, struct program* program);

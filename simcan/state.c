@@ -9,15 +9,14 @@
 // sockets from others.
 enum { MARK = 0x5CA00000, MARK_BITS = 0x3FF };
 
-int readState(int fd, struct state* state) {
+struct state readState(int fd) {
     const int saved = errno;
     int mark = 0;
     socklen_t size = sizeof mark;
     REAL(getsockopt)(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, &size);
     errno = saved;
-    if ((mark & ~MARK_BITS) != MARK) return 0;
-    *state = (struct state){((mark & MARK_BITS) >> 4) + NO_LINK, mark & 0xF};
-    return 1;
+    return (struct state){((mark & MARK_BITS) >> 4) + NO_LINK, mark & 0xF,
+                          (mark & ~MARK_BITS) == MARK};
 }
 
 uint32_t numberOf(int fd) {
