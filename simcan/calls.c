@@ -50,7 +50,7 @@ EXPORT int bind(int fd, const struct sockaddr* address, socklen_t size) {
     if (index != 0 && link == NULL) return fail(ENODEV);
     if (link != NULL) {
         bringUp(link);
-        emptyQueue(link);
+        link->room = (int)link->queue;
     }
     state.link = link != NULL ? (int)(link - links) : ALL_LINKS;
     struct settings settings;

@@ -18,9 +18,6 @@ static struct rule {
 static int ruleCount;
 static atomic_llong callsMade[SIMCAN_CACHE + 1];
 static atomic_int nextErrors[SIMCAN_CACHE + 1];
-static struct queue {
-    atomic_int size, room;  // in frames; below 0: not stalled
-} queues[LINK_LIMIT];
 static pthread_once_t ordersRead = PTHREAD_ONCE_INIT;
 
 #pragma weak strerrorname_np  // musl has none
@@ -72,33 +69,21 @@ static int addRule(char* text) {
 static int addStall(char* text) {
     char* const colon = strchr(text, ':');
     if (colon != NULL) *colon = '\0';
-    const struct link* const link = linkNamed(text);
+    struct link* const link = linkNamed(text);
     const int frames = colon != NULL ? parseNumber(colon + 1) : TRANSMIT_QUEUE;
     if (link == NULL || frames < 0) return 0;
-    queues[link - links].size = queues[link - links].room = frames;
+    link->queue = link->room = frames;
     return 1;
 }
 
-static void readList(const char* variable, const char* separators, int (*addWord)(char*),
-                     const char* right) {
-    const char* const text = getenv(variable);
-    char* const list = text != NULL ? strdup(text) : NULL;
-    char* rest = NULL;
-    for (char* word = list != NULL ? strtok_r(list, separators, &rest) : NULL; word != NULL;
-         word = strtok_r(NULL, separators, &rest)) {
-        char whole[64];
-        snprintf(whole, sizeof whole, "%s", word);
-        if (!addWord(word)) refuse(variable, whole, "is wrong", right);
-    }
-    free(list);
-}
-
 static void readOrders(void) {
-    for (int i = 0; i < LINK_LIMIT; i++) queues[i].size = queues[i].room = -1;
-    readList("SIMCAN_FAIL", ";", addRule,
-             "CALL ERROR [COUNT [AFTER]], as in SIMCAN_FAIL='write ENOBUFS 3; socket EMFILE'");
-    readList("SIMCAN_STALL", BLANKS, addStall,
-             "interfaces of SIMCAN as NAME or NAME:FRAMES, as in SIMCAN_STALL='can0:100'");
+    const char* const failures = getenv("SIMCAN_FAIL");
+    const char* const stalls = getenv("SIMCAN_STALL");
+    for (int i = 0; i < linkCount(); i++) links[i].queue = links[i].room = -1;
+    readWords("SIMCAN_FAIL", failures != NULL ? failures : "", ";", addRule,
+              "CALL ERROR [COUNT [AFTER]], as in SIMCAN_FAIL='write ENOBUFS 3; socket EMFILE'");
+    readWords("SIMCAN_STALL", stalls != NULL ? stalls : "", BLANKS, addStall,
+              "interfaces of SIMCAN as NAME or NAME:FRAMES, as in SIMCAN_STALL='can0:100'");
 }
 
 __attribute__((constructor)) static void ensureOrders(void) {
@@ -141,24 +126,18 @@ EXPORT void simcan_linkDown(const char* interface) {
 }
 
 EXPORT void simcan_stall(const char* interface, int frames) {
-    const struct link* const link = orderedLink(interface);
+    struct link* const link = orderedLink(interface);
     if (link == NULL) return;
     ensureOrders();
-    queues[link - links].size = queues[link - links].room = frames;
+    link->queue = link->room = frames;
     sendOnce("", 0);  // wakes writes that wait
 }
 
-int takeRoom(const struct link* link) {
-    atomic_int* const room = &queues[link - links].room;
-    int left = *room;
-    while (left > 0 && !atomic_compare_exchange_weak(room, &left, left - 1)) {
+int takeRoom(struct link* link) {
+    int left = link->room;
+    while (left > 0 && !atomic_compare_exchange_weak(&link->room, &left, left - 1)) {
     }
     return left;
-}
-
-void emptyQueue(const struct link* link) {
-    ensureOrders();
-    queues[link - links].room = (int)queues[link - links].size;
 }
 
 // Waits in the kernel for reports about links, so that signals and time-outs are the kernel's own.
@@ -166,12 +145,8 @@ static int waitOn(int waiter, struct link* link) {
     struct program program;
     compileReports(&program);
     if (attachFilter(waiter, &program) != 0 || joinBuses(waiter) != 0) return -1;
-    while (queues[link - links].room == 0) {
+    while (link->room == 0 && !link->isDown) {
         struct label report;
-        if (link->isDown) {
-            errno = ENETDOWN;
-            return -1;
-        }
         const ssize_t received = REAL(recv)(waiter, &report, sizeof report, 0);
         if (received < 0) return -1;
         if (received == sizeof report) noteReport(link, &report);

@@ -44,6 +44,7 @@ struct link {
     uint32_t number;
     _Atomic uint64_t upSince;  // when this process last bound a socket to it, in nanoseconds
     atomic_int isDown;         // as far as this process knows
+    atomic_int queue, room;  // when stalled, how many frames it takes in all and yet; else below 0
 };
 
 enum { LINK_LIMIT = 32 };
@@ -58,8 +59,9 @@ int indexOf(const struct link* link);
 uint64_t runNumber(void);
 // Reports, once per process, an interface that is neither real nor simulated.
 void reportMissing(const char* name);
-// Ends the process because a word of an environment variable is wrong.
-_Noreturn void refuse(const char* variable, const char* word, const char* why, const char* right);
+// Calls `add` for each word of an environment variable. Ends the process when that says 0.
+void readWords(const char* variable, const char* text, const char* separators,
+               int (*add)(char* word), const char* right);
 #define BLANKS " \t\n"
 
 // bus.c: the multicast group that carries the frames of all buses.
@@ -135,9 +137,8 @@ uint32_t numberOf(int fd);
 
 // True, with errno set, if this call is to fail.
 int failsNow(enum simcan_Call call);
-// How many frames a stalled link had room for, one of which is taken; below 0 if it is not stalled.
-int takeRoom(const struct link* link);
-void emptyQueue(const struct link* link);
+// What room a stalled link had, of which one frame's is taken; below 0 if it is not stalled.
+int takeRoom(struct link* link);
 // Waits until the stall or the link ends, as a write to a full queue does: 0, or -1 with errno set.
 int waitForRoom(int fd, struct link* link, int flags);
 

@@ -27,10 +27,21 @@ static const char* setting(void) {
     return text != NULL ? text : "can0 can1";
 }
 
-void refuse(const char* variable, const char* word, const char* why, const char* right) {
-    const char* const text = getenv(variable);
-    fprintf(stderr, "simcan: %s='%s': '%s' %s. Write %s\n", variable, text, word, why, right);
+static void refuse(const char* variable, const char* text, const char* word, const char* right) {
+    fprintf(stderr, "simcan: %s='%s': '%.60s' is wrong. Write %s\n", variable, text, word, right);
     _exit(2);
+}
+
+void readWords(const char* variable, const char* text, const char* separators,
+               int (*add)(char* word), const char* right) {
+    char* const list = strdup(text);
+    char* rest = NULL;
+    for (char* word = list != NULL ? strtok_r(list, separators, &rest) : NULL; word != NULL;
+         word = strtok_r(NULL, separators, &rest)) {
+        const ptrdiff_t at = word - list;
+        if (!add(word)) refuse(variable, text, text + at, right);
+    }
+    free(list);
 }
 
 static struct link* find(const char* name) {
@@ -40,37 +51,30 @@ static struct link* find(const char* name) {
     return NULL;
 }
 
-// Adds an interface. Returns what is wrong with it, or NULL.
-static const char* addLink(const char* name, const char* bus) {
+// False when it is not NAME or NAME:BUS, or one interface too many.
+static int addLink(char* word) {
     const char* const letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
-    if (*name == '\0' || *bus == '\0' || name[strspn(name, letters)] != '\0' ||
-        bus[strspn(bus, letters)] != '\0')
-        return "is neither NAME nor NAME:BUS";
-    if (strlen(name) >= IFNAMSIZ) return "has more than 15 characters";
-    if (find(name) != NULL) return "stands twice";
-    if (count == LINK_LIMIT) return "is one interface too many";
+    char* const colon = strchr(word, ':');
+    if (colon != NULL) *colon = '\0';
+    const char* const bus = colon != NULL ? colon + 1 : "0";
+    if (*word == '\0' || word[strspn(word, letters)] != '\0' || strlen(word) >= IFNAMSIZ) return 0;
+    if (*bus == '\0' || bus[strspn(bus, letters)] != '\0') return 0;
+    if (find(word) != NULL || count == LINK_LIMIT) return 0;
     struct link* const link = &links[count++];
-    memcpy(link->name, name, strlen(name) + 1);
+    memcpy(link->name, word, strlen(word) + 1);
     link->bus = (uint32_t)hash(run, bus);
-    link->number = (uint32_t)hash(link->bus, name);
-    return NULL;
+    link->number = (uint32_t)hash(link->bus, word);
+    return 1;
 }
 
 static void readLinks(void) {
-    const char* text = getenv("SIMCAN_RUN");
+    const char* const text = getenv("SIMCAN_RUN");
+    const char* const right =
+        "SIMCAN='can0 can1', or 'can0:left can1:right': 1 to 32 interfaces, "
+        "each once, with at most 15 characters";
     run = hash(getuid(), text != NULL ? text : "");
-    char* list = strdup(setting());
-    char* rest = NULL;
-    const char* const right = "SIMCAN='can0 can1', or 'can0:left can1:right'";
-    for (char* word = list != NULL ? strtok_r(list, BLANKS, &rest) : NULL; word != NULL;
-         word = strtok_r(NULL, BLANKS, &rest)) {
-        char* const colon = strchr(word, ':');
-        if (colon != NULL) *colon = '\0';
-        const char* const wrong = addLink(word, colon != NULL ? colon + 1 : "0");
-        if (wrong != NULL) refuse("SIMCAN", word, wrong, right);
-    }
-    if (count == 0) refuse("SIMCAN", "", "names no interface", right);
-    free(list);
+    readWords("SIMCAN", setting(), BLANKS, addLink, right);
+    if (count == 0) refuse("SIMCAN", setting(), "", right);
 }
 
 __attribute__((constructor)) int linkCount(void) {
