@@ -17,20 +17,22 @@ public:
         : m_index(index) {
         const int32_t status = corvel_initDLL(index, bitrate, dbitrate != 0, dbitrate);
         if (status != CORVEL_SUCCESS) {
-            throw std::runtime_error("can" + std::to_string(index) + ": initialising gave status " +
-                                     std::to_string(status));
+            throw std::runtime_error("can" + std::to_string(index) +
+                                     " could not be initialised (status " + std::to_string(status) +
+                                     ')');
         }
     }
     ~Adapter() { corvel_freeDLL(m_index); }
     Adapter(const Adapter&) = delete;
     Adapter& operator=(const Adapter&) = delete;
 
-    // False when the transmit queue is full or the link is down.
+    // Waits for room without limit while no other adapter acknowledges: the release of the adapter
+    // on another thread ends it. False if the transmit queue is full or the link is down.
     bool write(const _corvel_CanMsg& msg) {
         return corvel_writeMessage(m_index, &msg) == CORVEL_SUCCESS;
     }
 
-    // Nothing when no frame came in time.
+    // Nothing if no frame came in time.
     std::optional<_corvel_CanMsg> read(std::chrono::milliseconds timeout) {
         _corvel_CanMsg msg{};
         const auto limit = static_cast<uint32_t>(timeout.count());

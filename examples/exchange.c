@@ -6,10 +6,8 @@
 #include <string.h>
 #include <tn_corvel.h>
 
+#include "arguments.h"
 #include "end_signals.h"
-#include "words.h"
-
-static const char usage[] = "usage: exchange [A B]    numbers of two CAN interfaces on one bus\n";
 
 enum { NOMINAL_KBIT = 500, DATA_KBIT = 2000, TIMEOUT_MS = 1000 };
 
@@ -62,7 +60,8 @@ static void initialise(int a, int b, int canFd) {
         printf("can%d: initialised, %s, status %d\n", devices[i], canFd ? "CAN FD" : "classic CAN",
                status);
         if (status == CORVEL_SUCCESS) continue;
-        tellFailure("exchange", devices[i], status);
+        fprintf(stderr, "exchange: can%d could not be initialised (status %d)\n", devices[i],
+                status);
         if (i == 1) corvel_freeDLL(a);
         exit(EXIT_FAILURE);
     }
@@ -76,11 +75,11 @@ static void release(int a, int b) {
     if (stopped) exit(EXIT_FAILURE);
 }
 
-int main(int count, char** words) {
-    checkWords(usage, count, words, count == 1 ? 0 : 2, 2);
-    const int a = count == 1 ? 0 : (int)readNumber(usage, words[1], 9999);
-    const int b = count == 1 ? 1 : (int)readNumber(usage, words[2], 9999);
-    if (a == b) refuse(usage, words[2], "is the first interface again");
+int main(int count, char** arguments) {
+    uint32_t numbers[] = {0, 1};
+    readNumbers("usage: exchange [A B]    numbers of two CAN interfaces on one bus\n", count,
+                arguments, 0, 2, numbers);
+    const int a = (int)numbers[0], b = (int)numbers[1];
     setvbuf(stdout, NULL, _IOLBF, 0);  // in order with the log on standard error
 
     const _corvel_CanMsg standard = {.id = 0x123, .data = {0x11, 0x22, 0x33}, .len = 3};

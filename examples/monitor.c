@@ -7,8 +7,8 @@
 #include <time.h>
 #include <tn_corvel.h>
 
+#include "arguments.h"
 #include "end_signals.h"
-#include "words.h"
 
 static const char usage[] =
     "usage: monitor N [BITRATE [DBITRATE]]\n"
@@ -32,16 +32,15 @@ static void print(int device, const _corvel_CanMsg* msg) {
     putchar('\n');
 }
 
-int main(int count, char** words) {
-    checkWords(usage, count, words, 1, 3);
-    const int device = (int)readNumber(usage, words[1], 9999);
-    const unsigned bitrate = count > 2 ? readNumber(usage, words[2], 4294967) : 500;
-    const unsigned dbitrate = count > 3 ? readNumber(usage, words[3], 4294967) : 0;
+int main(int count, char** arguments) {
+    uint32_t numbers[] = {0, 500, 0};
+    readNumbers(usage, count, arguments, 1, 3, numbers);
+    const int device = (int)numbers[0];
 
     holdSignals();
-    const int status = corvel_initDLL(device, bitrate, count > 3, dbitrate);
+    const int status = corvel_initDLL(device, numbers[1], count > 3, numbers[2]);
     if (status != CORVEL_SUCCESS) {
-        tellFailure("monitor", device, status);
+        fprintf(stderr, "monitor: can%d could not be initialised (status %d)\n", device, status);
         return 1;
     }
     letSignals();

@@ -6,8 +6,6 @@
 #include <stdlib.h>
 #include <tn_corvel.h>
 
-#include "words.h"
-
 static int surprises = 0;
 
 static void expect(const char* what, int status, int expected) {
@@ -15,8 +13,7 @@ static void expect(const char* what, int status, int expected) {
     if (status != expected) surprises++;
 }
 
-int main(int count, char** words) {
-    checkWords("usage: simcan failures\n", count, words, 0, 0);
+int main(void) {
     if (simcan_failNext == NULL) {
         fprintf(stderr, "failures: to be run on the simulated bus: simcan ./failures\n");
         return 2;
