@@ -35,9 +35,6 @@ The stand-in for the log library reads these when the library is loaded.
 .B PELID_LOG_LEVEL
 The lowest level written: 2 progress, 3 requests refused, 4 failures; 0 writes nothing. The default
 is 3.
-.TP
-.B PELID_LOG_FILE
-A file that records are appended to. The default is standard error.
 .SH EXAMPLE
 .nf
 END
