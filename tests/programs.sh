@@ -58,7 +58,7 @@ sed -n 's|^ *\(Cmnd_Alias CORVEL = \)*/usr/sbin/ip \([^,\\]*\).*|\2|p' docs/perm
 mapfile -t functions < <(sed -n 's/^CORVEL_API .* \(corvel_[A-Za-z]*\)(.*/\1/p' include/tn_corvel.h)
 test ${#functions[@]} = 4
 for function in "${functions[@]}"; do
-    for file in README.md docs/interface.md debian/libtn-corvel.symbols python/corvel_can/__init__.py; do
+    for file in README.md docs/interface.md docs/tn_corvel.3 debian/libtn-corvel.symbols python/corvel_can/__init__.py; do
         grep -q "\<$function\>" $file || { echo "no $function in $file"; exit 1; }
     done
 done
