@@ -1,15 +1,15 @@
 #!/bin/bash
 # Builds the packages for ARM boards in build/arm64 or build/armhf, and compares them with this machine's:
-# arm.sh arm64 (64 bit) or arm.sh armhf (32 bit). Debian's libraries for that architecture come into a
-# throw-away root, where the unit tests run under qemu-user.
+# arm.sh arm64 (64 bit) or arm.sh armhf (32 bit). They are built in a throw-away root with Debian's
+# libraries for that architecture, where the unit tests run under qemu-user.
 set -eu -o pipefail
 . "$(dirname "$0")/common.sh"
 case ${1-} in
     arm64) emulator=qemu-aarch64 ;;
     armhf) emulator=qemu-arm ;;
-    *) refuse "no architecture that it knows: ${1-}" ;;
+    *) refuse "unknown architecture: ${1-}" ;;
 esac
-[ $# -eq 1 ] || refuse "unknown word: $2"
+[ $# -eq 1 ] || refuse "unknown argument: $2"
 architecture=$1
 here=$(dpkg --print-architecture)
 install_packages mmdebstrap
@@ -24,7 +24,7 @@ cat >"$work/inside" <<END
 cd /build
 dpkg-source --extract *.dsc tn-corvel && cd tn-corvel
 apt-get -qq -y build-dep --arch-only --host-architecture $architecture -P cross . >/dev/null
-export DEB_BUILD_OPTIONS=nocheck DEB_CFLAGS_APPEND=-Werror DEB_CXXFLAGS_APPEND=-Werror
+export DEB_BUILD_OPTIONS='nocheck noautodbgsym' DEB_CFLAGS_APPEND=-Werror DEB_CXXFLAGS_APPEND=-Werror
 dpkg-buildpackage -us -uc -B --host-arch $architecture -Pcross
 $emulator obj-*/unit_tests
 END
@@ -42,7 +42,7 @@ mkdir -p "$build"
 cp "$work"/out/*.deb "$build"
 
 # Files, names of dependencies, and symbols, without the architecture's own names. libgcc-s1 is left
-# out: on 32-bit ARM it is libstdc++6 that gives programs the unwinder's entry.
+# out: on 32-bit ARM, libstdc++6 has the unwinder's entry.
 contents() { # ARCHITECTURE FOLDER
     multiarch=$(dpkg-architecture -A "$1" -q DEB_TARGET_MULTIARCH)
     {

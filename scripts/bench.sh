@@ -6,8 +6,8 @@
 set -eu
 . "$(dirname "$0")/common.sh"
 
-[ "${1-}" = --vm ] || takes_no_words "$@"
-[ $# -le 1 ] || refuse "unknown word: $2"
+[ "${1-}" = --vm ] || takes_no_arguments "$@"
+[ $# -le 1 ] || refuse "unknown argument: $2"
 install_packages "${build_packages[@]}" libbenchmark-dev
 cmake -S . -B build/release -G Ninja -DCORVEL_BENCH=ON >/dev/null
 cmake --build build/release

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2034 # used by the scripts that source it
 # Sourced by the scripts: answers --help, goes to the project's folder, and installs packages.
-PATH=/usr/sbin:/usr/bin:/sbin:/bin:$PATH # Debian's own programs, before others of their names
+PATH=/usr/sbin:/usr/bin:/sbin:/bin:$PATH # Debian's own programs first
 script=$(realpath "$0")
 
 # Prints the comment that a script begins with.
@@ -8,16 +8,15 @@ usage() {
     sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$script"
 }
 
-# Ends a script that was given words which it does not know.
+# Reports a bad argument and exits with 2.
 refuse() {
     echo "${script##*/}: $*" >&2
     usage >&2
     exit 2
 }
 
-# The same for a script that knows none.
-takes_no_words() {
-    [ $# -eq 0 ] || refuse "unknown word: $1"
+takes_no_arguments() {
+    [ $# -eq 0 ] || refuse "unknown argument: $1"
 }
 
 case ${1-} in -h | --help) usage && exit ;; esac
@@ -27,7 +26,7 @@ case $PWD in *[:\;]*)
     exit 2 ;;
 esac
 
-# What is made once and used by all checkouts.
+# Shared by all checkouts.
 cache=${XDG_CACHE_HOME:-${HOME:-/var/tmp}/.cache}/tn_corvel
 
 build_packages=(g++ cmake ninja-build pkg-config libnl-3-dev libnl-route-3-dev)
@@ -44,7 +43,7 @@ run_as_root() {
     fi
 }
 
-# Installs those of the named Debian packages that are missing.
+# Installs the named Debian packages that are missing.
 install_packages() {
     local missing=()
     for package; do
@@ -58,7 +57,7 @@ install_packages() {
             apt-get -qq -y --no-install-recommends install "${missing[@]}" </dev/null >/dev/null
 }
 
-# The address that this machine gets Debian's packages from.
+# The address of this machine's Debian mirror.
 debian_mirror() {
     for attempt in 1 2; do
         address=$(apt-get indextargets --format '$(REPO_URI)' \
@@ -70,7 +69,25 @@ debian_mirror() {
     return 1
 }
 
-# Tries a command until it succeeds, for 40 s and more.
+# The Debian release that has a kernel version, or is named: fails if there is none.
+release_of() { # KERNEL-OR-RELEASE
+    case $1 in
+        5.10) echo bullseye ;;
+        6.1) echo bookworm ;;
+        6.12) echo trixie ;;
+        newest) echo sid ;;
+        bullseye | bookworm | trixie | forky | sid) echo "$1" ;;
+        *) return 1 ;;
+    esac
+}
+
+# Runs a command whose output is shown only if it fails.
+quietly() {
+    local output
+    output=$("$@" 2>&1) || { printf '%s\n' "$output"; return 1; }
+}
+
+# Tries a command for at least 40 s until it succeeds.
 eventually() {
     for _ in {1..400}; do
         ! "$@" || return 0
@@ -79,5 +96,5 @@ eventually() {
     "$@"
 }
 
-# A mirror may stand still for longer than sid's lists are valid; this is for throw-away roots alone.
+# For throw-away roots only: a mirror may be older than the period for which sid's lists are valid.
 mirror_may_be_old='Acquire::Check-Valid-Until "false"; Acquire::Retries "3"'

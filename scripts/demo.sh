@@ -9,9 +9,9 @@ set -eu
 
 mode=${1-}
 case $mode in
-    '' | --vm) [ $# -le 1 ] || refuse "unknown word: $2" ;;
+    '' | --vm) [ $# -le 1 ] || refuse "unknown argument: $2" ;;
     --real) [ $# -eq 3 ] || refuse "--real needs the numbers of two interfaces" ;;
-    *) refuse "unknown word: $mode" ;;
+    *) refuse "unknown argument: $mode" ;;
 esac
 
 install_packages "${build_packages[@]}"
@@ -23,7 +23,7 @@ if [ "$mode" = --real ]; then
     exec build/release/exchange "$2" "$3"
 fi
 if [ "$mode" = --vm ]; then
-    echo "Installing QEMU where it is missing, then booting a virtual machine: half a minute each"
+    echo "Installing QEMU if it is missing, then booting a virtual machine: half a minute each"
     exec vm/boot.sh 120 "$PWD/build/release/exchange"
 fi
 exec build/release/simcan/simcan --own build/release/exchange

@@ -1,16 +1,16 @@
 #!/bin/bash
-# Tries Debian's releases, as a new user would, in bare roots with git and a clean clone of the last
-# commit: in one builds the packages and runs their tests, in another both README commands. Ends with
-# a table; the exit status is 0 when all passed.
+# Tries releases of Debian as a new user would, in bare roots with git and a clean clone of the last
+# commit: builds the packages and runs their tests in one root, and both README commands in another.
+# Ends with a table; the exit status is 0 if all passed.
 #
 # releases.sh [RELEASE...]  bookworm, trixie and sid unless given
 #
-# Needs root. Bare roots are kept as build/releases/RELEASE.tar. The last trials are in RELEASE and
-# RELEASE-packages beside it. Namespaces hold all mounts and processes, so that none is left behind.
+# Needs root. Bare roots are kept as build/releases/RELEASE.tar, the last trials as RELEASE and
+# RELEASE-packages beside it. All mounts and processes are in namespaces, so none is left behind.
 set -u
 . "$(dirname "$0")/common.sh"
 for release; do
-    case $release in -*) refuse "unknown word: $release" ;; esac
+    [ "$(release_of "$release")" = "$release" ] || refuse "unknown release: $release"
 done
 [ "$(id -u)" -eq 0 ] || refuse "needs root"
 if [ "${RELEASES_INSIDE-}" != 1 ]; then
@@ -27,7 +27,7 @@ mkdir -p build/releases
 failed=0
 table=
 
-# Unpacks the bare root of a release, which is made first when there is none, or a damaged one.
+# Unpacks the bare root of a release. Makes it first if it is missing or damaged.
 unpack_root() { # RELEASE
     kept=$PWD/build/releases/$1.tar
     for _ in kept new; do
@@ -43,16 +43,16 @@ unpack_root() { # RELEASE
 make_root() { # RELEASE FOLDER
     root=$PWD/build/releases/$2
     unpack_root "$1" || return 1
-    mount --bind "$root" "$root" # so that its / is a mount point
+    mount --bind "$root" "$root" # to make its / a mount point
     for folder in dev sys; do mount --rbind "/$folder" "$root/$folder"; done
     mount -t proc proc "$root/proc"
     cp /etc/resolv.conf "$root/etc"
     git clone -q . "$root/root/tn_corvel"
 }
 
-# Runs a command in the clone, with no variables but those of a new user.
+# Runs a command in the clone, with the environment of a new user.
 in_root() {
-    env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
+    env -i ${CI:+CI="$CI"} HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
         chroot "$root" sh -c 'cd /root/tn_corvel && exec "$@"' sh "$@" </dev/null
 }
 
@@ -65,8 +65,8 @@ run() {
 for release; do
     echo "=== Debian $release"
     if ! make_root "$release" "$release-packages"; then
-        echo "Debian's $release cannot be had here"
-        table+="$release: LEFT OUT, cannot be had here"$'\n'
+        echo "no root of Debian's $release could be made"
+        table+="$release: LEFT OUT, no root could be made"$'\n'
         failed=$((failed + 1))
         continue
     fi

@@ -5,7 +5,7 @@
 set -eEu
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
 . "$(dirname "$0")/../scripts/common.sh"
-takes_no_words "$@"
+takes_no_arguments "$@"
 install_packages "${build_packages[@]}" make lintian autopkgtest \
     python3-venv python3-setuptools python3-wheel python3-can
 root=$PWD
