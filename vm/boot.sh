@@ -1,13 +1,13 @@
 #!/bin/bash
 # Boots the virtual machine, runs a command of the host in it as root, and passes on its output and
 # exit status: boot.sh [--kernel KERNEL] SECONDS COMMAND [ARGUMENT...]. KERNEL is 5.10, 6.1, 6.12,
-# newest or a Debian release, and this machine's own release unless given. Whatever hangs is ended
-# after SECONDS; a boot that never came to the command is tried once more. With VM_COUNTED=1 the
-# guest's clock counts instructions.
+# newest or a Debian release, this machine's own unless given. The machine is ended after SECONDS; if
+# it did not boot, it is tried once more. With VM_COUNTED=1 the guest's clock counts instructions.
 #
 # can0 to can3 are CAN FD controllers, can0 and can1 joined to one bus, can2 and can3 to another; can4
-# and can5 are SJA1000, joined too. Where the kernel has no driver for the former, the latter are can0
-# and can1.
+# and can5 are SJA1000, joined too. If the kernel has no driver for CAN FD (5.10), can0 and can1 are the
+# SJA1000. An emulated SJA1000 queues four frames and its bus takes no time, so frames sent in a burst are
+# lost; after a remote frame with a length it is out of step until the next boot.
 set -eu -o pipefail
 . "$(dirname "$0")/../scripts/common.sh"
 kernel=()
@@ -29,7 +29,7 @@ console=$work/console
 install vm/init.sh "$work/init"
 cp vm/run.sh "$work/run"
 printf 'exec %s\n' "$(printf '%q ' "$@")" >"$work/command"
-verdict="exit status ($RANDOM$RANDOM):" # which nothing else prints
+verdict="exit status ($RANDOM$RANDOM):" # nothing else prints this
 echo "$verdict" >"$work/verdict"
 (cat "$vm/initrd"; cd "$work" && printf '%s\n' init run command verdict | cpio -o -H newc --quiet | gzip) \
     >"$work/initrd"
@@ -40,8 +40,8 @@ if [ "${VM_COUNTED-}" = 1 ]; then
 else
     machine=(-accel tcg -smp 2) clock=
 fi
-# The controllers of one card share its interrupt line, which QEMU clears for one although the other
-# still asks for service; so each bus joins different cards.
+# Each bus joins different cards: the controllers of one card share its interrupt line, which QEMU clears
+# for one while the other still needs service.
 card=ctucan_pci,canbus0=bus0,canbus1=bus1
 for _ in first again; do
     timeout --foreground "$seconds" qemu-system-x86_64 -M q35 "${machine[@]}" -m 1024 -nographic \

@@ -1,6 +1,6 @@
 #!/bin/busybox sh
-# First program in the virtual machine: puts a file system in memory over the host's, which is
-# mounted read-only, and goes on with `run` there.
+# First program in the virtual machine: lays a file system in memory over the host's, which is mounted
+# read-only, and continues with `run` there.
 bb=/bin/busybox
 $bb mkdir -p /dev /proc /sys /host /memory /root
 $bb mount -t devtmpfs dev /dev
@@ -18,7 +18,7 @@ $bb mount -t tmpfs memory /memory
 $bb mkdir /memory/upper /memory/work
 $bb mount -t overlay -o lowerdir=/host,upperdir=/memory/upper,workdir=/memory/work overlay /root
 
-# Accounts without the host's secrets, which need not be readable here.
+# Accounts without the host's passwords.
 etc=/root/etc
 $bb rm -rf $etc/shadow $etc/gshadow $etc/sudoers $etc/sudoers.d
 $bb mkdir $etc/sudoers.d
@@ -26,7 +26,7 @@ $bb sed 's/:.*/:*:19000::::::/' $etc/passwd >$etc/shadow
 $bb printf 'root ALL=(ALL) ALL\n@includedir /etc/sudoers.d\n' >$etc/sudoers
 $bb chmod 440 $etc/sudoers
 
-# All that follows has the new root for its own: in a chroot, users could make no namespaces.
+# A new root rather than a chroot, in which users could not make namespaces.
 $bb mount -t tmpfs tmpfs /root/run
 $bb cp $bb /run /command /verdict /root/run
 for kind in proc sys dev; do $bb mount -o move /$kind /root/$kind; done

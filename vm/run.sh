@@ -4,7 +4,7 @@ bb=/run/busybox
 $bb ln -s /proc/self/fd /dev/fd
 $bb hostname localhost
 $bb ip link set lo up
-$bb printf '\nThe virtual machine is up.\n' # in a line of its own, which the firmware has not
+$bb printf '\nThe virtual machine is up.\n' # on a line of its own, after the firmware's
 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin /bin/bash /run/command </dev/null
 echo "$($bb cat /run/verdict) $?"
 $bb poweroff -f

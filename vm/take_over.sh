@@ -1,5 +1,5 @@
 #!/bin/bash
-# Gives interfaces the names can0, can1 and so on, and those that have them others: take_over.sh NAME...
+# Names interfaces can0, can1 and so on; those with these names get other ones: take_over.sh NAME...
 set -eu
 . "$(dirname "$0")/../scripts/common.sh"
 [ $# -gt 0 ] || refuse "no interfaces named"

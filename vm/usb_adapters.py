@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Emulates USB-to-CAN adapters, one for each serial number given, which the kernel's driver gs_usb
-serves. Those whose serial numbers begin with the same letter are on one bus. Writing a serial
-number to standard input pulls the adapter out, or plugs it in again.
+"""Emulates USB-to-CAN adapters for the kernel's driver gs_usb, one for each serial number given.
+Adapters whose serial numbers begin with the same letter are on one bus. Writing a serial number to
+standard input pulls the adapter out, or plugs it in again.
 
 An adapter without a partner on its bus is not acknowledged: its frames wait. Bit rates are not
-compared.
+compared. Kernel 5.10 panics in gs_usb.
 """
 
 import argparse
@@ -19,7 +19,7 @@ CLOCK = 80000000
 NO_ECHO = 0xFFFFFFFF
 ERROR = 0x20000000
 RECEIVE, SEND = 1, 2  # endpoints
-UNLINK, SUBMITTED, UNLINKED = 2, 3, 4  # messages; what is not UNLINK is a request
+UNLINK, SUBMITTED, UNLINKED = 2, 3, 4  # message types; all others are requests
 ECONNRESET, EPIPE = -104, -32
 FEATURES = 1 << 8 | 1 << 10  # CAN FD
 TIMING = struct.pack("<8I", 1, 256, 1, 128, 128, 1, 1024, 1)
@@ -40,8 +40,8 @@ class Adapter:
     def __init__(self, port, serial, bus):
         self.serial = serial
         self.bus = bus
-        self.waiting = {}  # reads of the host that nothing has answered yet
-        self.outgoing = []  # frames that no other adapter has acknowledged
+        self.waiting = {}  # the host's reads that are not answered yet
+        self.outgoing = []  # frames that no adapter has acknowledged yet
         self.incoming = []
         self.is_on = False  # the controller
         self.socket, kernel = socket.socketpair()
@@ -51,7 +51,7 @@ class Adapter:
         bus.append(self)
 
     def serve(self):
-        """One request of the host; false when the adapter is gone."""
+        """Serves one request of the host; false if the adapter is gone."""
         header = self.socket.recv(48, socket.MSG_WAITALL)
         if len(header) < 48:
             return False
@@ -84,7 +84,7 @@ class Adapter:
         self.socket.sendall(header + data)
 
     def control(self, kind, request, value, _index, _length, data):
-        """The answer to a request to the device or its controller; none when it is not known."""
+        """Answers a request to the device or its controller; None if it is unknown."""
         if kind == 0x80 and request == 6:
             return self.describe(value >> 8, value & 255)
         if kind == 0x41 and request == 2:
@@ -123,7 +123,7 @@ class Adapter:
             self.answer(number, 0, self.incoming.pop(0))
 
     def report_no_partner(self):
-        """Tells the driver that nobody acknowledges: error-passive."""
+        """Reports to the driver that nobody acknowledges: error-passive."""
         frame = struct.pack("<2I4B8s", NO_ECHO, ERROR | 4, 8, 0, 0, 0, bytes([0, 0x20]))
         if frame not in self.incoming:
             self.incoming.append(frame)
@@ -151,7 +151,7 @@ def main():
     parser.add_argument("serial", nargs="*")
     serials = parser.parse_args().serial
     buses = {serial[0]: [] for serial in serials}
-    plugged = {}  # by the socket of its USB
+    plugged = {}  # adapters by socket
 
     def plug_in(serial):
         adapter = Adapter(serials.index(serial), serial, buses[serial[0]])
