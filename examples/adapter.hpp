@@ -1,5 +1,5 @@
-// One adapter as a C++ object: initialised when made, released when destroyed. An example to copy,
-// not part of the library.
+// One adapter as a C++ object, which is released when it is destroyed. To copy; not part of the
+// library.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 class Adapter {
 public:
-    // Rates in kbit/s; a data bit rate selects CAN FD. Throws when the adapter cannot be opened.
+    // Rates in kbit/s; a data bit rate selects CAN FD. Throws if the adapter cannot be opened.
     explicit Adapter(int32_t index, uint32_t bitrate = 500, uint32_t dbitrate = 0)
         : m_index(index) {
         const int32_t status = corvel_initDLL(index, bitrate, dbitrate != 0, dbitrate);

@@ -7,13 +7,13 @@
 #include <string.h>
 #include <unistd.h>
 
-static volatile sig_atomic_t stopped = 0;  // one of the signals has come
-static sigset_t endSignals;                // those that the program does not ignore (as nohup asks)
+static volatile sig_atomic_t stopped = 0;  // a signal has arrived
+static sigset_t endSignals;                // without those that were ignored at the start (nohup)
 
 static inline void stop(int number) {
     (void)number;
     stopped = 1;
-    alarm(1);  // and once more, should this one come just before a call that waits
+    alarm(1);  // a second signal, as the first may arrive just before a call that waits
 }
 
 static inline void handleSignals(void (*handler)(int)) {
@@ -25,9 +25,9 @@ static inline void handleSignals(void (*handler)(int)) {
     }
 }
 
-// Keeps the signals waiting, and the commands that an initialisation or a release runs from ending
-// by them: blocked, a signal waits in this process; ignored, it does not end the commands. (A
-// SIGINT that comes while commands run may be lost, as running one discards it; the next is not.)
+// Holds the signals back, in this process and in the commands that an initialisation or a release
+// runs: blocked, they wait in this process; ignored, they do not end the commands. (A SIGINT that
+// arrives while a command runs may be lost, as system() discards it; the next one is not.)
 static inline void holdSignals(void) {
     const int numbers[] = {SIGINT, SIGTERM, SIGHUP, SIGALRM};
     sigset_t blocked;
@@ -41,10 +41,10 @@ static inline void holdSignals(void) {
     }
     sigprocmask(SIG_BLOCK, &endSignals, NULL);
     handleSignals(SIG_IGN);
-    signal(SIGPIPE, SIG_IGN);  // a reader of the output that goes away is no reason to end either
+    signal(SIGPIPE, SIG_IGN);  // nor end when the reader of the output goes away
 }
 
-// Lets them through: they set `stopped`, and end a read that waits or a write that is blocked.
+// Handles the signals: they set `stopped`, and end a read or write that waits.
 static inline void letSignals(void) {
     handleSignals(stop);
     sigprocmask(SIG_UNBLOCK, &endSignals, NULL);

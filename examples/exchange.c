@@ -33,7 +33,7 @@ static void format(char* text, size_t size, const _corvel_CanMsg* msg, int canFd
     }
 }
 
-// Sends one frame and expects it, and nothing else about it changed, on the other adapter.
+// Sends one frame and expects it unchanged on the other adapter.
 static void exchange(int from, int to, const _corvel_CanMsg* sent, int canFd) {
     if (stopped) return;
     char left[64], right[64] = "(nothing)";

@@ -1,4 +1,4 @@
-// What a healthy bus never shows an application, for its own tests: simcan ./failures
+// Failures that a healthy bus never shows, for tests of an application: simcan ./failures
 
 #include <errno.h>
 #include <simcan.h>
@@ -15,7 +15,7 @@ static void expect(const char* what, int status, int expected) {
 
 int main(void) {
     if (simcan_failNext == NULL) {
-        fprintf(stderr, "failures: to be run on the simulated bus: simcan ./failures\n");
+        fprintf(stderr, "failures: runs on the simulated bus only: simcan ./failures\n");
         return 2;
     }
     const _corvel_CanMsg msg = {.id = 0x123};
@@ -24,7 +24,7 @@ int main(void) {
     setenv("SIMCAN_SUDO_FAIL", "txqueuelen exit 2", 1);
     expect("a command that fails", corvel_initDLL(0, 500, false, 0), CORVEL_OPEN_FAILED);
     unsetenv("SIMCAN_SUDO_FAIL");
-    expect("a rate that no adapter makes", corvel_initDLL(0, 500000, false, 0), CORVEL_OPEN_FAILED);
+    expect("a bit rate that is too high", corvel_initDLL(0, 500000, false, 0), CORVEL_OPEN_FAILED);
     simcan_failNext(SIMCAN_SOCKET, EMFILE);
     expect("no descriptor for the socket", corvel_initDLL(0, 500, false, 0), CORVEL_OPEN_FAILED);
     simcan_failNext(SIMCAN_CACHE, 12);
@@ -35,8 +35,8 @@ int main(void) {
     expect("a full transmit queue", corvel_writeMessage(0, &msg), CORVEL_NOT_WRITTEN);
     expect("the same frame again", corvel_writeMessage(0, &msg), CORVEL_SUCCESS);
     simcan_linkDown("can0");
-    expect("a link that others take down", corvel_readMessage(0, &got, 1000), CORVEL_NO_FRAME);
-    expect("a frame for it", corvel_writeMessage(0, &msg), CORVEL_NOT_WRITTEN);
+    expect("a link that goes down", corvel_readMessage(0, &got, 1000), CORVEL_NO_FRAME);
+    expect("a write to it", corvel_writeMessage(0, &msg), CORVEL_NOT_WRITTEN);
     expect("release", corvel_freeDLL(0), CORVEL_SUCCESS);
 
     puts(surprises == 0 ? "all as expected" : "NOT as expected");

@@ -28,14 +28,14 @@ int main(int count, char** arguments) try {
     if (pipe(errors) != 0) return 1;
     const pid_t gateway = fork();
     if (gateway == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);  // so that it does not outlive a test that fails
+        prctl(PR_SET_PDEATHSIG, SIGTERM);  // so that it ends with a test that fails
         dup2(errors[1], STDERR_FILENO);
         execl(arguments[1], arguments[1], "0", "2", nullptr);
         _exit(127);
     }
     close(errors[1]);
     std::string log;
-    while (log.find("are open") == std::string::npos) {  // it is ready then, and not before
+    while (log.find("are open") == std::string::npos) {  // it is ready now
         char c;
         if (read(errors[0], &c, 1) != 1) return 1;
         log += c;
