@@ -87,6 +87,9 @@ quietly() {
     output=$("$@" 2>&1) || { printf '%s\n' "$output"; return 1; }
 }
 
+# Succeeds if a command fails. Unlike "!", it counts under set -e.
+fails() { ! "$@"; }
+
 # Tries a command for at least 40 s until it succeeds.
 eventually() {
     for _ in {1..400}; do

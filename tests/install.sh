@@ -1,7 +1,7 @@
 #!/bin/bash
-# Uses the project as others do: as a tree that is moved about, from Python's environments, as a part of
-# a project that has targets of its own, and as packages, built twice the same, which are installed on
-# this machine and removed again. Only this needs rights, and is left out where one is installed already.
+# Uses the project as its users do: packages, built twice with the same result; a tree that is moved;
+# a Python environment; a part of another project. At last the packages are installed on this machine
+# and removed, which is left out without rights, or if one of them is installed already.
 set -eEu
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
 . "$(dirname "$0")/../scripts/common.sh"
@@ -11,15 +11,16 @@ install_packages "${build_packages[@]}" make lintian autopkgtest \
 root=$PWD
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; return 1; }; }
-build() { # FOLDER CMAKE-WORDS...
+build() { # FOLDER CMAKE-ARGUMENTS...
     quietly cmake -B "$@"
     quietly cmake --build "$1" -j2
 }
 
+echo 'Building packages twice'
 quietly scripts/package.sh
 lintian --allow-root --fail-on error,warning build/package/*.changes
 read -ra packages < <(sed -n 's/^Binary: //p' build/package/*.changes)
+installed=$(dpkg-query -W "${packages[@]}" 2>/dev/null || true)
 cd "$work"
 mkdir again
 quietly dpkg-source -x "$root"/build/package/*.dsc again/elsewhere
@@ -28,6 +29,7 @@ for package in "$root"/build/package/*.deb; do cmp "$package" "again/${package##
 dpkg-deb -x again/libtn-corvel_*.deb unpacked
 nm -D unpacked/usr/lib/*/libtn_corvel.so | grep -q __stack_chk_fail
 
+echo 'Using a moved tree'
 build release -S "$root" -G Ninja
 quietly cmake --install release --prefix "$work/installed"
 mv installed moved
@@ -40,34 +42,46 @@ read -ra flags < <(PKG_CONFIG_PATH=$folder/lib/pkgconfig pkg-config --cflags --l
 cc -fsanitize=address "$examples/exchange.c" -o exchange "${flags[@]}" -Wl,-rpath,"$folder/lib"
 $simcan ./exchange 2>/dev/null | grep -q -x 'all as expected'
 
+echo 'Using a Python environment'
 # Without the dependency: trixie's python3-can, which the environment uses, calls itself version 0.0.0.
 /usr/bin/python3 -m venv --system-site-packages environment
 quietly environment/bin/pip install --no-index --no-build-isolation --no-deps again/elsewhere/python
 program='import can; can.Bus(interface="corvel", channel=0).shutdown()'
-! environment/bin/python -c "$program" 2>log || exit 1
-grep -q 'libtn_corvel.so was not found: install libtn-corvel' log
+if [ -z "$installed" ]; then
+    fails environment/bin/python -c "$program" 2>log
+    grep -q 'libtn_corvel.so was not found: install libtn-corvel' log
+fi
 LD_LIBRARY_PATH=$folder/lib $simcan environment/bin/python -c "$program"
 
+echo 'Using it inside another project'
 cat >parent.cmake <<'CMAKE'
-foreach(name docs simcan unit_tests)
+foreach(name docs unit_tests)
   add_custom_target(${name})
 endforeach()
 include(FetchContent)
 FetchContent_Declare(tn_corvel SOURCE_DIR ${ROOT} OVERRIDE_FIND_PACKAGE)
 CMAKE
 build inside -G 'Unix Makefiles' -S "$root/examples" -DROOT="$root" -DBUILD_SHARED_LIBS=OFF \
-    -DCMAKE_PROJECT_TOP_LEVEL_INCLUDES="$work/parent.cmake" \
+    -DCMAKE_PROJECT_TOP_LEVEL_INCLUDES="$work/parent.cmake" -DCORVEL_SIMCAN=ON \
     -DCMAKE_CXX_STANDARD=20 -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
-$simcan inside/exchange 2>/dev/null | grep -q -x 'all as expected'
+inside/simcan/simcan inside/exchange 2>/dev/null | grep -q -x 'all as expected'
 grep -q 'std=c++20.*tn_corvel' inside/compile_commands.json
 grep -q -x 'CMAKE_BUILD_TYPE:STRING=' inside/CMakeCache.txt
 quietly cmake --install inside --prefix "$work/installed"
 for file in installed inside/*.so; do test ! -e "$file"; done
 
-if dpkg-query -W "${packages[@]}" 2>/dev/null | grep . || ! run_as_root true; then
+echo 'Running stages of test.sh that fail and that are left out'
+mkdir copy && cp -r "$root/scripts" copy # without presets to build, and without files in git
+CI='' fails copy/scripts/test.sh g++ >log 2>&1
+grep -q '^g++ *FAILED' log
+CI='' quietly copy/scripts/test.sh format
+CI=1 fails copy/scripts/test.sh format >log 2>&1
+grep -q '^format *LEFT OUT' log
+
+if [ -n "$installed" ] || ! run_as_root true; then
     echo "packages: no right to install them, or one is installed here, which the test would remove"
     exit 77
 fi
+echo 'Installing, using and removing the packages'
 trap 'run_as_root dpkg --purge "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
 quietly run_as_root autopkgtest "$root"/build/package/*.changes -- null
-echo "packages installed, used and removed"
