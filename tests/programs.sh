@@ -53,6 +53,14 @@ kill $!
 wait $!
 test "$(sed 's/^([0-9.]*) //' "$work/frames")" = $'can1 123#1122\ncan1 1ABCDEF0#33\ncan1 7FF#R2'
 
+# A sender that nobody acknowledges can be ended.
+SIMCAN_STALL=can1:5 "$simcan" "$build/cyclic" 1 >"$work/output" 2>"$work/log" &
+eventually grep -q 'is open' "$work/log"
+sleep 1
+kill $!
+wait $!
+grep -q -x '5 frames written' "$work/output"
+
 # The texts permit the commands that the library runs.
 SIMCAN_SUDO_LOG=$work/sudo "$simcan" --own "$build/exchange" >/dev/null 2>&1
 sed -n 's/^sudo ip //p' "$work/sudo" | sort -u >"$work/commands"
