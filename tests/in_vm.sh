@@ -1,6 +1,6 @@
 #!/bin/bash
 # Runs in the virtual machine: the library on a real CAN stack, with real controllers, sudo, ip and
-# can-utils. Ends at the first surprise. in_vm.sh BUILD: the folder that holds the build to test.
+# can-utils. Stops at the first failure. in_vm.sh BUILD: the folder that holds the build to test.
 set -eEu -o pipefail
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
 . "$(dirname "$0")/../scripts/common.sh"
@@ -12,7 +12,7 @@ holds() { # FILE TEXTS...
     for text in "${@:2}"; do grep -qF -- "$text" "$1" || { echo "no '$text' in:"; cat "$1"; return 1; }; done
 }
 
-# The build where any user can read it; and a sudo for root that takes no second to think.
+# The build in a folder that any user can read, and a sudo for root that adds no delay.
 mkdir -p /opt/corvel/fast
 cp "$1"/{exchange,monitor,gateway,bus_test,libtn_corvel.so,libpelid_log.so} /opt/corvel
 cp -r "$1/simcan" "$root"/{python,scripts,tests} /opt/corvel
@@ -49,7 +49,7 @@ permissions() {
     refuses ip link set can0 $'down\nnetns'
 }
 
-# A pair beside can0 and can1 that is never silent.
+# Another pair of interfaces, with constant traffic.
 other_pair() {
     ip link add can8 up type vxcan peer name can9
     ip link set can9 up
@@ -91,8 +91,8 @@ usb_adapters() {
     pulled_gateway
 }
 
-# The gateway joins both buses, with a sender on each, and its adapter is pulled out. It ends in order,
-# if need be by a signal to a thread.
+# The gateway joins both buses, with a sender on each, when its adapter is pulled out. It ends in order,
+# if necessary by a signal to a thread.
 pulled_gateway() {
     for number in 1 3; do ip link set can$number up type can bitrate 500000; done
     for _ in $(seq 20); do
@@ -119,7 +119,7 @@ virtual_interfaces() {
         as_user /opt/corvel/simcan/simcan --kernel bash -c "$(declare -f other_pair)"'
             other_pair; "$@"; status=$?; kill %1; exit $status' pair "$@"
     }
-    chmod 711 /  # which an ordinary user cannot open then
+    chmod 711 /  # an ordinary user cannot list it then
     tests on_pair exchange
     tests on_pair bus_test
     tests on_pair /opt/corvel/tests/can_tools.sh /opt/corvel
