@@ -26,8 +26,6 @@ mkdir again
 quietly dpkg-source -x "$root"/build/package/*.dsc again/elsewhere
 (cd again/elsewhere && DEB_BUILD_OPTIONS=nocheck quietly dpkg-buildpackage -b -us -uc)
 for package in "$root"/build/package/*.deb; do cmp "$package" "again/${package##*/}"; done
-dpkg-deb -x again/libtn-corvel_*.deb unpacked
-nm -D unpacked/usr/lib/*/libtn_corvel.so | grep -q __stack_chk_fail
 
 echo 'Using a moved tree'
 build release -S "$root" -G Ninja
