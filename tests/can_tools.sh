@@ -26,6 +26,7 @@ arrives() { # FRAME SENDER LOG
 # Logs frames from the first that is seen to arrive to the last, neither of which is kept.
 declare -A listeners
 listen() { # LOG SENDER WHAT-CANDUMP-TAKES
+    rm -f "$1.raw"  # in which an earlier frame could be taken for this one
     candump -L "$3" >"$1.raw" &
     listeners[$1]=$!
     eventually arrives 1FFFFFFE#AA "$2" "$1.raw"
