@@ -57,6 +57,3 @@ contents() { # ARCHITECTURE FOLDER
 contents "$here" build/package >"$work/here"
 contents "$architecture" "$build" >"$work/there"
 diff "$work/here" "$work/there"
-for package in "$build"/*.deb; do
-    dpkg --info "$package" | grep -E '^ (Package|Architecture|Multi-Arch|Depends):'
-done

@@ -15,9 +15,7 @@ refuse() {
     exit 2
 }
 
-takes_no_arguments() {
-    [ $# -eq 0 ] || refuse "unknown argument: $1"
-}
+takes_no_arguments() { [ $# -eq 0 ] || refuse "unknown argument: $1"; }
 
 case ${1-} in -h | --help) usage && exit ;; esac
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
@@ -69,17 +67,9 @@ debian_mirror() {
     return 1
 }
 
-# The Debian release that has a kernel version, or is named: fails if there is none.
-release_of() { # KERNEL-OR-RELEASE
-    case $1 in
-        5.10) echo bullseye ;;
-        6.1) echo bookworm ;;
-        6.12) echo trixie ;;
-        newest) echo sid ;;
-        bullseye | bookworm | trixie | forky | sid) echo "$1" ;;
-        *) return 1 ;;
-    esac
-}
+# Debian's releases, by the version of their kernel and by name.
+declare -A releases=([5.10]=bullseye [6.1]=bookworm [6.12]=trixie [newest]=sid
+    [bullseye]=bullseye [bookworm]=bookworm [trixie]=trixie [forky]=forky [sid]=sid)
 
 # Runs a command whose output is shown only if it fails.
 quietly() {

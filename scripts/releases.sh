@@ -10,7 +10,7 @@
 set -u
 . "$(dirname "$0")/common.sh"
 for release; do
-    [ "$(release_of "$release")" = "$release" ] || refuse "unknown release: $release"
+    [ "${releases[${release:-none}]-}" = "$release" ] || refuse "unknown release: $release"
 done
 [ "$(id -u)" -eq 0 ] || refuse "needs root"
 if [ "${RELEASES_INSIDE-}" != 1 ]; then

@@ -19,14 +19,9 @@ while [ $# -gt 0 ]; do
         --no-vm) stages=${stages/ vm / } ;;
         --arm) stages+='arm64 armhf ' ;;
         --kernel)
-            release_of "${2-}" >/dev/null || refuse "no such kernel: ${2-}"
-            kernel=(--kernel "$2")
-            shift
-            ;;
-        *)
-            [[ $stages == *" $1 "* ]] || refuse "unknown argument: $1"
-            chosen+=" $1 "
-            ;;
+            [ -n "${releases[${2:-none}]-}" ] || refuse "no such kernel: ${2-}"
+            kernel=("$1" "$2") && shift ;;
+        *) [[ $stages == *" $1 "* ]] || refuse "unknown argument: $1"; chosen+=" $1 " ;;
     esac
     shift
 done
@@ -53,10 +48,7 @@ stage() {
     table+=$(printf '%-10s %-8s %4d s' "$1" "$verdict" $((SECONDS - start)))$'\n'
 }
 
-left_out() {
-    echo "$*: not checked"
-    return 77
-}
+left_out() { echo "$*: not checked"; return 77; }
 
 # Always the same version of clang-format and clang-tidy, as versions differ in what they report.
 check_format() {

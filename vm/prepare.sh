@@ -9,7 +9,8 @@ set -eu -o pipefail
 if [ $# -eq 0 ]; then
     release=$(. /etc/os-release && echo "$VERSION_CODENAME")
 else
-    release=$(release_of "$1") || refuse "unknown kernel: $1"
+    release=${releases[${1:-none}]-}
+    [ -n "$release" ] || refuse "unknown kernel: $1"
 fi
 install_packages mmdebstrap qemu-system-x86 sudo iproute2 can-utils kmod cpio python3 python3-can >&2
 vm=$cache/vm-$release
