@@ -1,6 +1,7 @@
 #!/bin/bash
 # Runs in the virtual machine: the library on a real CAN stack, with real controllers, sudo, ip and
 # can-utils. Stops at the first failure. in_vm.sh BUILD: the folder that holds the build to test.
+# shellcheck disable=SC2086 # arguments of several words
 set -eEu -o pipefail
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
 . "$(dirname "$0")/../scripts/common.sh"
@@ -18,32 +19,29 @@ cp "$1"/{exchange,monitor,gateway,bus_test,libtn_corvel.so,libpelid_log.so} /opt
 cp -r "$1/simcan" "$root"/{python,scripts,tests} /opt/corvel
 export LD_LIBRARY_PATH=/opt/corvel PYTHONPATH=/opt/corvel/python PYTHONDONTWRITEBYTECODE=1
 PATH=/opt/corvel/fast:/opt/corvel:$PATH
-printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo
-chmod -R a+rx /opt/corvel
+printf '#!/bin/sh\nexec "$@"\n' >/opt/corvel/fast/sudo; chmod -R a+rx /opt/corvel
 
 groupadd corvel && useradd -M -G corvel tester # a user in a group that has no rights yet
 as_user() { setpriv --reuid tester --regid tester --init-groups env "$@" </dev/null; }
-refuses() { ! as_user sudo -n "$@" 2>refused && holds refused 'password is required'; }
+refuses() { fails as_user sudo -n "$@" 2>refused && holds refused 'password is required'; }
 
 tests() { # COMMAND...: runs tests of the bus
     "$@" >out 2>/dev/null || { cat out; return 1; }
     grep -E 'returned within|PASSED  ] [1-9]|expected|equal' out
 }
 python_tests() { # NUMBER WORDS COMMAND...: as many tests, from Python
-    # shellcheck disable=SC2086 # several words
     "${@:3}" /usr/bin/python3 /opt/corvel/tests/python_test.py $2 >out 2>&1 || { cat out; return 1; }
     holds out "Ran $1 test"
 }
 permissions() {
     local PATH=${PATH#*:}  # with the real sudo
-    ! as_user timeout 30 setsid exchange >no-rights 2>&1 || return 1  # nor does it ask for a password
+    fails as_user timeout 30 setsid exchange >no-rights 2>&1  # nor does it ask for a password
     holds no-rights 'could not be initialised (status 5)'
     install -m 440 "$root/examples/etc/sudoers.d/corvel" /etc/sudoers.d/corvel
     visudo -cf /etc/sudoers.d/corvel
     tests as_user exchange
     for words in 'set lo down' 'set can0 down up' 'set can0 down netns 1' 'set can0;reboot down' 'delete can0' \
         'set can0 txqueuelen 10001' 'set can0 up type can bitrate 5e5 sample-point 0.875 restart-ms 0'; do
-        # shellcheck disable=SC2086 # several words
         refuses ip link $words
     done
     refuses ip link set can0 $'down\nnetns'
@@ -67,7 +65,7 @@ can_fd_controllers() {
 
 classic_controllers() { # two SJA1000
     [ ! -e /sys/class/net/can4 ] || "$root/vm/take_over.sh" can4 can5
-    ! monitor 0 500 2000 >log 2>&1 || return 1
+    fails monitor 0 500 2000 >log 2>&1
     holds log 'could not be initialised (status 5)' 'not supported'
     CORVEL_CLASSIC=1 tests bus_test
     removed_by 'echo 1 >/sys/class/net/can0/device/remove' bus_test
@@ -78,10 +76,10 @@ classic_controllers() { # two SJA1000
 usb_adapters() {
     mkfifo pull && exec 9<>pull
     /usr/bin/python3 "$root/vm/usb_adapters.py" A1 A2 B1 B2 <pull &
-    adapters() { printf '%s\n' /sys/bus/usb/drivers/gs_usb/*/net/can*; }
+    adapters() { basename -a /sys/bus/usb/drivers/gs_usb/*/net/can*; }
     all() { [ "$(adapters | wc -l)" = 4 ]; }
     eventually all
-    adapters | xargs -n 1 basename | xargs "$root/vm/take_over.sh"
+    adapters | xargs "$root/vm/take_over.sh"
     tests bus_test
     plug_in() { echo A1 >&9; eventually test -e /sys/class/net/can0; }
     removed_by 'echo A1 >&9' bus_test
@@ -99,14 +97,11 @@ pulled_gateway() {
         gateway 0 2 >forwarded 2>log &
         gateway=$!
         eventually grep -q 'are open' log
-        cangen can1 -g 2 -i & senders=("$!")
-        cangen can3 -g 2 -i & senders+=("$!")
-        sleep 0.5
-        echo A1 >&9
+        cangen can1 -g 2 -i & senders=$!
+        cangen can3 -g 2 -i & senders+=" $!"
+        sleep 0.5; echo A1 >&9
         eventually test ! -e /sys/class/net/can0
-        sleep 0.2
-        kill "${senders[@]}"
-        kill $gateway
+        sleep 0.2; kill $senders $gateway
         timeout 20 tail -s 0.02 --pid=$gateway -f /dev/null
         [ "$(grep -c '^[1-9]' forwarded)" = 2 ]
         plug_in
@@ -126,7 +121,7 @@ virtual_interfaces() {
     python_tests 2 '-k frames -k notifier' on_pair
     for _ in 1 2 3 4 5 6; do removed_by 'ip link del can0' on_pair bus_test; done
     sysctl -q user.max_user_namespaces=0
-    ! on_pair true 2>log || return 1
+    fails on_pair true 2>log
     holds log 'simcan: this user may make no network namespace; as root: /opt/corvel/simcan/simcan --kernel'
 }
 

@@ -21,7 +21,7 @@ quietly scripts/package.sh
 lintian --allow-root --fail-on error,warning build/package/*.changes
 read -ra packages < <(sed -n 's/^Binary: //p' build/package/*.changes)
 installed=$(dpkg-query -W "${packages[@]}" 2>/dev/null || true)
-cd "$work" && mkdir again
+cd "$work"; mkdir again
 quietly dpkg-source -x "$root"/build/package/*.dsc again/elsewhere
 (cd again/elsewhere && DEB_BUILD_OPTIONS=nocheck quietly dpkg-buildpackage -b -us -uc)
 for package in "$root"/build/package/*.deb; do cmp "$package" "again/${package##*/}"; done
@@ -29,7 +29,7 @@ for package in "$root"/build/package/*.deb; do cmp "$package" "again/${package##
 echo 'Using a moved tree, a Python environment, and the project inside another'
 build release -S "$root" -G Ninja
 quietly cmake --install release --prefix "$work/installed"
-folder=$work/moved && mv installed "$folder"
+folder=$work/moved; mv installed "$folder"
 simcan=$folder/bin/simcan examples=$folder/share/doc/libtn-corvel-dev/examples
 build examples -G Ninja -S "$examples" -DCMAKE_PREFIX_PATH="$folder"
 quietly ctest --test-dir examples
@@ -60,7 +60,7 @@ quietly cmake --install inside --prefix "$work/installed"
 for file in installed inside/*.so; do test ! -e "$file"; done
 
 echo 'Running stages of test.sh that fail or are left out'
-mkdir copy && cp -r "$root/scripts" copy # without presets and git
+mkdir copy; cp -r "$root/scripts" copy # without presets and git
 CI='' fails copy/scripts/test.sh g++ >log 2>&1
 grep -q '^g++ *FAILED' log
 CI='' copy/scripts/test.sh format | grep -q '^format *LEFT OUT'
