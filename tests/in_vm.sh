@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs in the virtual machine: the library on a real CAN stack, with real controllers, sudo, ip and
-# can-utils. Stops at the first failure. in_vm.sh BUILD: the folder that holds the build to test.
+# The library on a kernel's CAN stack in the virtual machine, with sudo, ip and can-utils; stops at the
+# first failure. in_vm.sh BUILD: the folder that holds the build to test.
 # shellcheck disable=SC2086 # arguments of several words
 set -eEu -o pipefail
 trap 'echo "FAILED in line $LINENO: $BASH_COMMAND"' ERR
@@ -77,8 +77,7 @@ usb_adapters() {
     mkfifo pull && exec 9<>pull
     /usr/bin/python3 "$root/vm/usb_adapters.py" A1 A2 B1 B2 <pull &
     adapters() { basename -a /sys/bus/usb/drivers/gs_usb/*/net/can*; }
-    all() { [ "$(adapters | wc -l)" = 4 ]; }
-    eventually all
+    eventually eval '[ "$(adapters | wc -l)" = 4 ]'
     adapters | xargs "$root/vm/take_over.sh"
     tests bus_test
     plug_in() { echo A1 >&9; eventually test -e /sys/class/net/can0; }
@@ -89,8 +88,7 @@ usb_adapters() {
     pulled_gateway
 }
 
-# The gateway joins both buses, with a sender on each, when its adapter is pulled out. It ends in order,
-# if necessary by a signal to a thread.
+# The gateway between two busy buses ends in order after its adapter was pulled out.
 pulled_gateway() {
     for number in 1 3; do ip link set can$number up type can bitrate 500000; done
     for _ in $(seq 20); do
