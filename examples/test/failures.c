@@ -4,6 +4,8 @@
 #include <simcan.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <threads.h>
+#include <time.h>
 #include <tn_corvel.h>
 
 static int surprises = 0;
@@ -11,6 +13,12 @@ static int surprises = 0;
 static void expect(const char* what, int status, int expected) {
     printf("%-40s status %d\n", what, status);
     if (status != expected) surprises++;
+}
+
+static int releaseSoon(void* unused) {
+    (void)unused;
+    thrd_sleep(&(struct timespec){.tv_nsec = 200000000}, NULL);
+    return corvel_freeDLL(0);
 }
 
 int main(void) {
@@ -38,6 +46,16 @@ int main(void) {
     expect("a link that goes down", corvel_readMessage(0, &got, 1000), CORVEL_NO_FRAME);
     expect("a write to it", corvel_writeMessage(0, &msg), CORVEL_NOT_WRITTEN);
     expect("release", corvel_freeDLL(0), CORVEL_SUCCESS);
+
+    expect("initialise again", corvel_initDLL(0, 500, false, 0), CORVEL_SUCCESS);
+    simcan_stall("can0", 0);  // nobody acknowledges: a write waits
+    thrd_t other;
+    int released = -1;
+    thrd_create(&other, releaseSoon, NULL);
+    expect("a write until another thread releases", corvel_writeMessage(0, &msg),
+           CORVEL_NOT_WRITTEN);
+    thrd_join(other, &released);
+    expect("that release", released, CORVEL_SUCCESS);
 
     puts(surprises == 0 ? "all as expected" : "NOT as expected");
     return surprises == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
