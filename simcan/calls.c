@@ -12,8 +12,6 @@
 
 #include "internal.h"
 
-static const struct settings initial = {.count = 1};  // one filter, which passes everything
-
 // An address of a raw socket, without what newer kernels append for other protocols.
 enum { ADDRESS_SIZE = offsetof(struct sockaddr_can, can_addr) };
 
@@ -34,8 +32,9 @@ EXPORT int socket(int domain, int type, int protocol) {
     if ((type & ~flags) != SOCK_RAW) return fail(EPROTOTYPE);
     const int fd = openLoopback(flags);
     if (fd < 0) return -1;
-    const struct state unbound = {NO_LINK, LOOPBACK, 1};
-    if (applyState(fd, unbound, &initial) == 0 && joinBuses(fd) == 0) return fd;
+    const struct settings all = {.count = 1};  // one filter, which passes everything
+    if (applyState(fd, (struct state){NO_LINK, LOOPBACK, 1}, &all) == 0 && joinBuses(fd) == 0)
+        return fd;
     const int error = errno;
     close(fd);
     return fail(error);
@@ -101,8 +100,7 @@ EXPORT int setsockopt(int fd, int level, int option, const void* value, socklen_
     if (!state.isCan) return REAL(setsockopt)(fd, level, option, value, size);
     if (level == SOL_SOCKET) {
         if (isTaken(option)) return fail(ENOPROTOOPT);
-        // Without effect: all sockets share an address, and the kernel counts what the filter
-        // drops.
+        // Without effect: sockets share an address, and the kernel counts what the filter drops.
         if (option == SO_REUSEADDR || option == SO_RXQ_OVFL)
             return size >= sizeof(int) ? 0 : fail(EINVAL);
         return REAL(setsockopt)(fd, level, option, value, size);
@@ -382,7 +380,8 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
         request == SIOCGIFNAME ? linkAt(asked->ifr_ifindex) : linkNamed(asked->ifr_name);
     if (link == NULL) {
         const int result = REAL(ioctl)(fd, request, argument);
-        if (result != 0 && request != SIOCGIFNAME) reportMissing(asked->ifr_name);
+        if (result != 0 && errno == ENODEV && request != SIOCGIFNAME)
+            reportMissing(asked->ifr_name);
         return result;
     }
     if (request == SIOCGIFNAME) memcpy(asked->ifr_name, link->name, IFNAMSIZ);
@@ -395,34 +394,26 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
 }
 
 // Loaded on demand, as programs that do not use libnl must not be given it.
-// clang-format off
-#define LIBNL(X) \
-    X(nl_cache_alloc_name) X(nl_cache_add) X(nl_cache_free) X(rtnl_link_alloc) X(rtnl_link_put) \
-    X(rtnl_link_set_name) X(rtnl_link_set_ifindex) X(rtnl_link_set_arptype)
-// clang-format on
+#define NL(name) ((__typeof__(&(name)))dlsym(library, #name))
 
 EXPORT int rtnl_link_alloc_cache(struct nl_sock* socket, int family, struct nl_cache** result) {
     (void)socket;
     (void)family;
     if (failsNow(SIMCAN_CACHE)) return -errno;
     void* const library = dlopen("libnl-route-3.so.200", RTLD_LAZY);
-// NOLINTNEXTLINE: a declaration takes no parentheses
-#define X(name) __typeof__(name)* const name##_ = (__typeof__(name)*)dlsym(library, #name);
     if (library == NULL) return -NLE_FAILURE;
-    LIBNL(X)
-#undef X
-    int error = nl_cache_alloc_name_("route/link", result);
+    int error = NL(nl_cache_alloc_name)("route/link", result);
     for (int i = -1; error == 0 && i < linkCount(); i++) {
-        struct rtnl_link* link = rtnl_link_alloc_();
+        struct rtnl_link* link = NL(rtnl_link_alloc)();
         if (link == NULL) {
-            nl_cache_free_(*result);
+            NL(nl_cache_free)(*result);
             return -NLE_NOMEM;
         }
-        rtnl_link_set_name_(link, i < 0 ? "lo" : links[i].name);
-        rtnl_link_set_ifindex_(link, i < 0 ? 1 : indexOf(&links[i]));
-        rtnl_link_set_arptype_(link, i < 0 ? ARPHRD_LOOPBACK : ARPHRD_CAN);
-        error = nl_cache_add_(*result, (struct nl_object*)link);
-        rtnl_link_put_(link);
+        NL(rtnl_link_set_name)(link, i < 0 ? "lo" : links[i].name);
+        NL(rtnl_link_set_ifindex)(link, i < 0 ? 1 : indexOf(&links[i]));
+        NL(rtnl_link_set_arptype)(link, i < 0 ? ARPHRD_LOOPBACK : ARPHRD_CAN);
+        error = NL(nl_cache_add)(*result, (struct nl_object*)link);
+        NL(rtnl_link_put)(link);
     }
     dlclose(library);
     return error;
@@ -445,17 +436,15 @@ EXPORT ssize_t __recvfrom_chk(int fd, void* data, size_t size, size_t room, int 
 
 #if __TIMESIZE == 32
 // What programs call on 32-bit machines that are built with 64-bit time.
-#define TIME64(name, plain) \
-    EXPORT __typeof__(plain) name __attribute__((alias(#plain), copy(plain)));
-TIME64(__setsockopt64, setsockopt)
-TIME64(__getsockopt64, getsockopt)
-TIME64(__ioctl_time64, ioctl)
-TIME64(__sendmsg64, sendmsg)
-TIME64(__sendmmsg64, sendmmsg)
-TIME64(__recvmsg64, recvmsg)
 
 EXPORT int __recvmmsg64(int fd, struct mmsghdr* messages, unsigned count, int flags, void* limit) {
     __typeof__(recvmmsg)* const next = (__typeof__(recvmmsg)*)dlsym(RTLD_NEXT, "__recvmmsg64");
     return readState(fd).isCan ? fail(EOPNOTSUPP) : next(fd, messages, count, flags, limit);
 }
+
+// clang-format off
+#define ALIAS(name, plain) EXPORT __typeof__(plain) name __attribute__((alias(#plain), copy(plain)));
+ALIAS(__setsockopt64, setsockopt) ALIAS(__getsockopt64, getsockopt) ALIAS(__ioctl_time64, ioctl)
+ALIAS(__sendmsg64, sendmsg) ALIAS(__sendmmsg64, sendmmsg) ALIAS(__recvmsg64, recvmsg)
+// clang-format on
 #endif

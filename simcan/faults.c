@@ -59,8 +59,8 @@ static int addRule(char* text) {
     }
     const struct rule rule = {parseCall(words[0]), parseError(words[1]), parseNumber(words[2]),
                               parseNumber(words[3])};
-    if (rule.call < 0 || rule.error <= 0 || rule.count < 0 || rule.after < 0) return 0;
-    if (ruleCount == RULE_LIMIT) return 0;
+    const int wrong = rule.call < 0 || rule.error <= 0 || rule.count < 0 || rule.after < 0;
+    if (wrong || ruleCount == RULE_LIMIT) return 0;
     rules[ruleCount++] = rule;
     return 1;
 }
@@ -77,12 +77,10 @@ static int addStall(char* text) {
 }
 
 static void readOrders(void) {
-    const char* const failures = getenv("SIMCAN_FAIL");
-    const char* const stalls = getenv("SIMCAN_STALL");
     for (int i = 0; i < linkCount(); i++) links[i].queue = links[i].room = -1;
-    readWords("SIMCAN_FAIL", failures != NULL ? failures : "", ";", addRule,
+    readWords("SIMCAN_FAIL", "", ";", addRule,
               "CALL ERROR [COUNT [AFTER]], as in SIMCAN_FAIL='write ENOBUFS 3; socket EMFILE'");
-    readWords("SIMCAN_STALL", stalls != NULL ? stalls : "", BLANKS, addStall,
+    readWords("SIMCAN_STALL", "", BLANKS, addStall,
               "interfaces of SIMCAN as NAME or NAME:FRAMES, as in SIMCAN_STALL='can0:100'");
 }
 
@@ -112,22 +110,15 @@ EXPORT void simcan_failNext(enum simcan_Call call, int error) {
     }
 }
 
-// The interface, or NULL after a line on standard error.
-static struct link* orderedLink(const char* name) {
-    struct link* const link = linkNamed(name);
-    errno = ENODEV;
-    if (link == NULL) reportMissing(name);
-    return link;
-}
-
 EXPORT void simcan_linkDown(const char* interface) {
-    struct link* const link = orderedLink(interface);
-    if (link != NULL) takeDown(link);
+    struct link* const link = linkNamed(interface);
+    if (link == NULL) return reportMissing(interface);
+    takeDown(link);
 }
 
 EXPORT void simcan_stall(const char* interface, int frames) {
-    struct link* const link = orderedLink(interface);
-    if (link == NULL) return;
+    struct link* const link = linkNamed(interface);
+    if (link == NULL) return reportMissing(interface);
     ensureOrders();
     link->queue = link->room = frames;
     sendOnce("", 0);  // wakes writes that wait
@@ -135,8 +126,7 @@ EXPORT void simcan_stall(const char* interface, int frames) {
 
 int takeRoom(struct link* link) {
     int left = link->room;
-    while (left > 0 && !atomic_compare_exchange_weak(&link->room, &left, left - 1)) {
-    }
+    while (left > 0 && !atomic_compare_exchange_weak(&link->room, &left, left - 1)) continue;
     return left;
 }
 

@@ -40,8 +40,7 @@ void findReal(void);
 // links.c: the interfaces. Their numbers are the same in every process.
 struct link {
     char name[IFNAMSIZ];
-    uint32_t bus;
-    uint32_t number;
+    uint32_t bus, number;
     _Atomic uint64_t upSince;  // when this process last bound a socket to it, in nanoseconds
     atomic_int isDown;         // as far as this process knows
     atomic_int queue, room;  // when stalled, how many frames it takes in all and yet; else below 0
@@ -60,7 +59,7 @@ uint64_t runNumber(void);
 // Reports, once per process, an interface that is neither real nor simulated.
 void reportMissing(const char* name);
 // Calls `add` for each word of an environment variable. Ends the process when that says 0.
-void readWords(const char* variable, const char* text, const char* separators,
+void readWords(const char* variable, const char* otherwise, const char* separators,
                int (*add)(char* word), const char* right);
 #define BLANKS " \t\n"
 
@@ -72,9 +71,7 @@ enum { OTHER_LINKS, OTHERS, SENDER };
 // How a datagram begins. One without a frame reports that the link went down; its last two words
 // then hold the time.
 struct label {
-    uint32_t bus, link;
-    uint32_t socket;  // the sender's
-    uint32_t audience;
+    uint32_t bus, link, socket, audience;  // the first three are the sender's
 };
 
 struct packet {
@@ -96,7 +93,6 @@ void noteReport(struct link* link, const struct label* report);
 
 // filter.c: compiles what is set for a socket into a filter program, without system calls.
 
-// What each call on a CAN socket needs: its link, and what is switched on.
 struct state {
     int link, options;
     int isCan;  // if it is 0, the rest means nothing
@@ -104,10 +100,8 @@ struct state {
 enum { ALL_LINKS = LINK_LIMIT, NO_LINK = -1 };
 enum { LOOPBACK = 1, OWN_FRAMES = 2, CAN_FD = 4, JOINED = 8 };
 
-// What is needed only to change it.
 struct settings {
-    uint32_t errors;
-    uint32_t count;
+    uint32_t errors, count;
     struct can_filter filters[CAN_RAW_FILTER_MAX];
 };
 
@@ -123,9 +117,8 @@ void compileFilter(struct program* program, struct state state, uint32_t socket,
 void compileReports(struct program* program);
 void extractSettings(const struct program* program, struct settings* settings);
 
-// state.c: what a socket keeps.
+// state.c: what a socket keeps. readState leaves errno as it was.
 
-// Leaves errno as it was.
 struct state readState(int fd);
 void readSettings(int fd, struct settings* settings);
 int applyState(int fd, struct state state, const struct settings* settings);
@@ -133,9 +126,8 @@ int attachFilter(int fd, struct program* program);
 // A number that no other socket has.
 uint32_t numberOf(int fd);
 
-// faults.c: what a test orders.
+// faults.c: what a test orders. Failures set errno.
 
-// True, with errno set, if this call is to fail.
 int failsNow(enum simcan_Call call);
 // What room a stalled link had, of which one frame's is taken; below 0 if it is not stalled.
 int takeRoom(struct link* link);

@@ -9,6 +9,7 @@
 #include "internal.h"
 
 enum { FIRST_INDEX = 1000000 };  // which no real interface has
+#define DEFAULT "can0 can1"
 
 struct link links[LINK_LIMIT];
 static int count;
@@ -22,9 +23,9 @@ static uint64_t hash(uint64_t seed, const char* text) {
     return value ^ value >> 32;
 }
 
-static const char* setting(void) {
-    const char* text = getenv("SIMCAN");
-    return text != NULL ? text : "can0 can1";
+static const char* setting(const char* variable, const char* otherwise) {
+    const char* text = getenv(variable);
+    return text != NULL ? text : otherwise;
 }
 
 static void refuse(const char* variable, const char* text, const char* word, const char* right) {
@@ -32,8 +33,9 @@ static void refuse(const char* variable, const char* text, const char* word, con
     _exit(2);
 }
 
-void readWords(const char* variable, const char* text, const char* separators,
+void readWords(const char* variable, const char* otherwise, const char* separators,
                int (*add)(char* word), const char* right) {
+    const char* const text = setting(variable, otherwise);
     char* const list = strdup(text);
     char* rest = NULL;
     for (char* word = list != NULL ? strtok_r(list, separators, &rest) : NULL; word != NULL;
@@ -68,13 +70,12 @@ static int addLink(char* word) {
 }
 
 static void readLinks(void) {
-    const char* const text = getenv("SIMCAN_RUN");
     const char* const right =
         "SIMCAN='can0 can1', or 'can0:left can1:right': 1 to 32 interfaces, "
         "each once, with at most 15 characters";
-    run = hash(getuid(), text != NULL ? text : "");
-    readWords("SIMCAN", setting(), BLANKS, addLink, right);
-    if (count == 0) refuse("SIMCAN", setting(), "", right);
+    run = hash(getuid(), setting("SIMCAN_RUN", ""));
+    readWords("SIMCAN", DEFAULT, BLANKS, addLink, right);
+    if (count == 0) refuse("SIMCAN", setting("SIMCAN", ""), "", right);
 }
 
 __attribute__((constructor)) int linkCount(void) {
@@ -104,8 +105,9 @@ int indexOf(const struct link* link) {
 void reportMissing(const char* name) {
     static atomic_flag told = ATOMIC_FLAG_INIT;
     const int saved = errno;
-    if (errno == ENODEV && !atomic_flag_test_and_set(&told)) {
-        fprintf(stderr, "simcan: no interface %.*s, SIMCAN='%s'\n", IFNAMSIZ, name, setting());
+    if (!atomic_flag_test_and_set(&told)) {
+        fprintf(stderr, "simcan: no interface %.*s, SIMCAN='%s'\n", IFNAMSIZ, name,
+                setting("SIMCAN", DEFAULT));
     }
     errno = saved;
 }
@@ -114,7 +116,7 @@ EXPORT unsigned if_nametoindex(const char* name) {
     const struct link* link = linkNamed(name);
     if (link != NULL) return (unsigned)indexOf(link);
     const unsigned index = REAL(if_nametoindex)(name);
-    if (index == 0) reportMissing(name);
+    if (index == 0 && errno == ENODEV) reportMissing(name);
     return index;
 }
 
