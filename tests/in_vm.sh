@@ -112,10 +112,16 @@ virtual_interfaces() {
         as_user /opt/corvel/simcan/simcan --kernel bash -c "$(declare -f other_pair)"'
             other_pair; "$@"; status=$?; kill %1; exit $status' pair "$@"
     }
+    on_two_pairs() {
+        as_user /opt/corvel/simcan/simcan --kernel bash -c '
+            ip link add can2 mtu 72 type vxcan peer name can3 mtu 72
+            for number in 0 1 2 3; do ip link set can$number up; done; "$@"' pairs "$@"
+    }
     chmod 711 /  # an ordinary user cannot list it then
     tests on_pair exchange
     tests on_pair bus_test
-    tests on_pair /opt/corvel/tests/can_tools.sh /opt/corvel
+    tests on_two_pairs /opt/corvel/tests/can_tools.sh /opt/corvel
+    on_two_pairs /opt/corvel/tests/raw_test.py
     python_tests 2 '-k frames -k notifier' on_pair
     for _ in 1 2 3 4 5 6; do removed_by 'ip link del can0' on_pair bus_test; done
     sysctl -q user.max_user_namespaces=0
