@@ -10,11 +10,10 @@
 namespace corvel {
 
 /// The driver for Linux SocketCAN: lists links over netlink, configures them with `ip` under
-/// `sudo`, and moves frames through raw CAN sockets. It has no state of its own.
+/// `sudo`, and moves frames through raw CAN sockets. It has no state of its own. The std::shared_ptr
+/// that owns an object destroys it as a DriverForSocketCan: there is no virtual destructor.
 class CORVEL_API DriverForSocketCan : public IDriver {
 public:
-    virtual ~DriverForSocketCan() = default;
-
     /// Lists every link of the CAN hardware type, whatever its name and state.
     bool scanDevices(std::vector<std::shared_ptr<IInterface>>& devices) override;
 
