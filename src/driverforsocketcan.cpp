@@ -27,7 +27,7 @@
 namespace corvel {
 namespace {
 
-// Up to the identifiers of transport protocols; newer headers append what raw sockets do not use.
+// The part of a sockaddr_can that raw sockets use. Newer kernel headers append more to it.
 constexpr socklen_t addressLength = 16;
 
 struct NetlinkSocketDeleter {
@@ -47,17 +47,17 @@ void closeSocket(int& fd) {
 }
 
 // Closes a new socket unless opening succeeds, exceptions included.
-struct NewSocket {
+struct CloseUnlessReady {
     int& fd;
     bool isReady = false;
 
-    ~NewSocket() {
+    ~CloseUnlessReady() {
         if (!isReady) closeSocket(fd);
     }
 };
 
-// Interface names become part of a shell command, and of a structure that holds 15 characters.
-bool isAcceptable(const std::string& name) {
+// Refuses a name that a shell could misread, or that is longer than interface names are.
+bool checkName(const std::string& name) {
     const auto allowed = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                c == '.' || c == '_' || c == '-';
@@ -171,7 +171,8 @@ int waitReadable(int fd, unsigned int timeout) {
 template <typename Frame>
 bool writeFrame(int fd, const Frame& frame) {
     if (::write(fd, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) return true;
-    return CORVEL_FAIL("write error:", std::strerror(errno), "(errno=", errno, ")");
+    const int error = errno;
+    return CORVEL_FAIL("write error:", std::strerror(error), "(errno=", error, ")");
 }
 
 }  // namespace
@@ -214,7 +215,8 @@ bool DriverForSocketCan::systemExecute(const std::string& command, int& exitCode
     exitCode = -1;
     const int status = ::system(command.c_str());
     if (status == -1) {
-        return CORVEL_FAIL("system() failed, errno: ", errno, " (", std::strerror(errno), ")");
+        const int error = errno;
+        return CORVEL_FAIL("system() failed, errno: ", error, " (", std::strerror(error), ")");
     }
     if (WIFEXITED(status)) {
         exitCode = WEXITSTATUS(status);
@@ -229,7 +231,7 @@ bool DriverForSocketCan::systemExecute(const std::string& command, int& exitCode
 
 bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
                               unsigned int dbitrate) {
-    if (!isAcceptable(desc.name)) return false;
+    if (!checkName(desc.name)) return false;
 
     const std::string link = "sudo ip link set " + desc.name;
     std::string up = link + " up type can bitrate " + std::to_string(bitrate);
@@ -246,7 +248,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
     desc.fd = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
     desc.fd = keepStandardStreamsFree(desc.fd);
     if (desc.fd < 0) return CORVEL_FAIL("error while opening socket");
-    NewSocket socket{desc.fd};
+    CloseUnlessReady socket{desc.fd};
     ::fcntl(desc.fd, F_SETFD, FD_CLOEXEC);  // programs the application starts stay off the bus
     socket.isReady = bindSocket(desc.fd, desc.name) && (!canFd || enableCanFd(desc.fd));
     return socket.isReady;
@@ -255,7 +257,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
 void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
     if (desc.fd != -1 && readsInside != 0) wakeReadsOnDeadLink(desc.fd, desc.name);
     closeSocket(desc.fd);
-    if (!isAcceptable(desc.name)) return;
+    if (!checkName(desc.name)) return;
     const std::string down = "sudo ip link set " + desc.name + " down";
     CORVEL_LOG(progress, down);
     [[maybe_unused]] const int ignored = ::system(down.c_str());

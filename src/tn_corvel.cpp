@@ -30,20 +30,20 @@ alignas(Registry) unsigned char storage[sizeof(Registry)];
 Registry& m_devMap = *new (storage) Registry;
 
 // The device registered under devIndex, or an empty pointer after logging the refusal.
-std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* text) {
+std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_devMap.find(static_cast<unsigned int>(devIndex));
     if (found != m_devMap.end()) return found->second;
-    CORVEL_LOG(refusal, text);
+    CORVEL_LOG(refusal, refusal);
     return nullptr;
 }
 
 // The same, and takes it out of the registry.
-std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* text) {
+std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* refusal) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto entry = m_devMap.extract(static_cast<unsigned int>(devIndex));
     if (!entry.empty()) return entry.mapped();
-    CORVEL_LOG(refusal, text);
+    CORVEL_LOG(refusal, refusal);
     return nullptr;
 }
 
