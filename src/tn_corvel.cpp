@@ -4,7 +4,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <vector>
 
 #include "corvel/driverforsocketcan.h"
@@ -23,11 +22,8 @@ namespace {
 
 std::mutex m_mutex;  // guards m_devMap and nothing else
 
-// In storage of its own, on which no destructor runs: other threads and exit handlers may still
-// call while the process ends.
-using Registry = std::map<unsigned int, std::shared_ptr<IInterface>>;
-alignas(Registry) unsigned char storage[sizeof(Registry)];
-Registry& m_devMap = *new (storage) Registry;
+// The open devices by index. Its end closes none of them, and waits for no lock.
+std::map<unsigned int, std::shared_ptr<IInterface>> m_devMap;
 
 // The device registered under devIndex, or an empty pointer after logging the refusal.
 std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal) {
@@ -45,14 +41,6 @@ std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* refusal) {
     if (!entry.empty()) return entry.mapped();
     CORVEL_LOG(refusal, refusal);
     return nullptr;
-}
-
-// Makes an open device available to the other functions. An entry that an overlapping
-// initialisation of the same index has made is replaced.
-void registerDevice(unsigned int index, const std::shared_ptr<IInterface>& device) {
-    CORVEL_LOG(progress, "Successfully opened Corvel.");
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_devMap[index] = device;
 }
 
 }  // namespace
@@ -83,7 +71,9 @@ int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd, uint32_t 
         return CORVEL_OPEN_FAILED;
     }
     try {
-        registerDevice(index, device);
+        CORVEL_LOG(progress, "Successfully opened Corvel.");
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_devMap[index] = device;
     } catch (...) {
         device->close();  // out of memory: nobody else could close it
         throw;

@@ -304,24 +304,6 @@ TEST_F(ApiTest, TimeOutsAreExactOnDescriptorsBelowAndAbove1024) {
     EXPECT_EQ(outcome(receive<1, 0>), "log 4 select() error: Interrupted system call; = 2");
 }
 
-// Registered before the library was there, and so run after all that it keeps has been destroyed.
-static bool callsLate;
-[[gnu::used, gnu::section(".preinit_array")]] static void (*const beforeAll)() = [] {
-    const auto call = [](int, void*) {
-        if (callsLate) _exit(10 * send() + poll());
-    };
-    on_exit(call, nullptr);
-};
-
-TEST_F(ApiTest, CallsThatComeWhenTheProcessHasEndedFindTheirDevice) {
-    const auto end = [] {
-        init();
-        callsLate = true;
-        exit(0);
-    };
-    EXPECT_EXIT(end(), testing::ExitedWithCode(2), "");
-}
-
 TEST_F(ApiTest, AProcessEndsWhileARefusalThatHoldsTheRegistryIsLogged) {
     const auto end = [&] {
         std::promise<void> logging;
