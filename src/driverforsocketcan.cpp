@@ -17,7 +17,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -82,14 +81,9 @@ int bindTo(int fd, int ifindex) {
     return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), addressLength);
 }
 
-ifreq requestFor(const std::string& name) {
+bool bindSocket(int fd, const std::string& name) {
     ifreq request{};
     name.copy(request.ifr_name, IFNAMSIZ - 1);
-    return request;
-}
-
-bool bindSocket(int fd, const std::string& name) {
-    ifreq request = requestFor(name);
     if (::ioctl(fd, SIOCGIFINDEX, &request) < 0) {
         return CORVEL_FAIL("error reading index of ", name, ": ", std::strerror(errno));
     }
@@ -97,34 +91,21 @@ bool bindSocket(int fd, const std::string& name) {
     return true;
 }
 
-// The reads that are in the driver. Others need no telling that a link is down: the handle has put
-// a dead socket in the number's place before close() looks here, and a read that comes later meets
-// it.
-std::atomic<int> readsInside{0};
-
-struct ReadInside {
-    ReadInside() { ++readsInside; }
-    ~ReadInside() { --readsInside; }
-};
-
-// Ends the reads that wait on a socket whose link is down already; it is closed next. The kernel
-// reports a link that is down to each socket that is bound to it, but ignores a bind to the same
-// interface as before. So, in this order:
-// 1. A link that is up needs nothing: it reports its own going down.
-// 2. A filter that passes nothing is set, and stays: no frame of another interface is delivered.
-// 3. The socket is bound to all interfaces, and back to its own. The index comes from the name
-//    first, as there is none any more where the adapter was removed.
-void wakeReadsOnDeadLink(int fd, const std::string& name) {
+// Ends reads that wait on a socket whose link was down before; the socket is closed next. The
+// kernel reports a link that is down when a socket is bound to it, but ignores a bind to the same
+// interface as before. So the socket is bound to all interfaces in between, with a filter that
+// passes none of their frames. The report that a link goes down later still comes.
+void wakeReads(int fd) {
+    sockaddr_can address{};
+    socklen_t length = addressLength;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return;
+    if (address.can_family != AF_CAN || address.can_ifindex == 0) return;  // 0: adapter removed
     const can_filter nothing{};
-    ifreq request = requestFor(name);
-    if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_UP) != 0) return;
-    if (::ioctl(fd, SIOCGIFINDEX, &request) != 0) return;
     if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_FILTER, &nothing, 0) != 0) return;
-    if (bindTo(fd, 0) != 0) return;
-    bindTo(fd, request.ifr_ifindex);  // fails where the adapter is removed at this moment
+    if (bindTo(fd, 0) == 0) bindTo(fd, address.can_ifindex);  // fails if the adapter is gone by now
 }
 
-// Moves `fd` above the standard streams: what the application prints must not go onto the bus.
+// Moves `fd` above the standard streams, so that nothing that is printed goes onto the bus.
 // Negative on failure.
 int keepStandardStreamsFree(int fd) {
     if (fd < 0 || fd > STDERR_FILENO) return fd;
@@ -255,7 +236,7 @@ bool DriverForSocketCan::open(IInterface::DeviceDesc& desc, unsigned int bitrate
 }
 
 void DriverForSocketCan::close(IInterface::DeviceDesc& desc) {
-    if (desc.fd != -1 && readsInside != 0) wakeReadsOnDeadLink(desc.fd, desc.name);
+    wakeReads(desc.fd);
     closeSocket(desc.fd);
     if (!checkName(desc.name)) return;
     const std::string down = "sudo ip link set " + desc.name + " down";
@@ -285,11 +266,10 @@ bool DriverForSocketCan::writeMessage(const IInterface::DeviceDesc& desc, const 
     return writeFrame(desc.fd, frame);
 }
 
-// The size of what the socket delivers tells the format; a classic frame has the layout of a CAN FD
-// frame up to its 16 bytes. So the mode is not consulted.
+// The number of bytes read tells the format, in either mode: a classic frame has the layout of the
+// first 16 bytes of a CAN FD frame.
 bool DriverForSocketCan::readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg,
                                      bool /*canFd*/, unsigned int timeout) {
-    const ReadInside inside;
     const int ready = waitReadable(desc.fd, timeout);
     if (ready < 0) return CORVEL_FAIL("select() error: ", std::strerror(errno));
     if (ready == 0) return false;

@@ -25,16 +25,16 @@ static int close(IInterface& device) {
 }
 static _corvel_CanMsg msg{};
 
-// A back end whose devices have no file descriptor.
+// A back end without file descriptors. Reads and writes succeed with what open() left.
 class FakeDriver : public corvel::DriverForSocketCan {
 public:
     bool open(IInterface::DeviceDesc& desc, unsigned, bool, unsigned) override {
         desc.handle = this;
-        m_ifindex = desc.ifindex;
+        m_desc = &desc;
         return act();
     }
     void close(IInterface::DeviceDesc& desc) override {
-        m_closed = desc.fd;
+        desc.handle = nullptr;
         act();
     }
     bool readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg&, bool, unsigned) override {
@@ -44,12 +44,11 @@ public:
         return act() && desc.handle == this;
     }
     std::function<void()> m_within;  // happens within the next operation
-    int m_ifindex = 0;
-    int m_closed = 0;
+    IInterface::DeviceDesc* m_desc = nullptr;
 
 private:
     bool act() {
-        if (m_within) std::exchange(m_within, nullptr)();
+        if (m_within) runWithin(std::exchange(m_within, nullptr));
         return true;
     }
 };
@@ -68,7 +67,7 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     EXPECT_EQ(driver->getDeviceByIndex(10, devices), devices[1]);
     EXPECT_EQ(driver->getDeviceByIndex(7, devices), nullptr);
     devices[5]->open(1, false, 2);
-    EXPECT_EQ(fake->m_ifindex, 8);
+    EXPECT_EQ(fake->m_desc->ifindex, 8);
 }
 
 TEST_F(HandleTest, AHandleFollowsItsStates) {
@@ -128,7 +127,7 @@ TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
     EXPECT_TRUE(m_answers.empty()) << "not waited for";
 }
 
-TEST_F(HandleTest, ADriverThatThrowsLeavesADeviceClosedAndNoLockHeld) {
+TEST_F(HandleTest, ADriverThatThrowsLeavesNoLockHeldAndTheStateAsItWas) {
     const auto fail = [] { throw std::bad_alloc(); };
     IInterface device(fake, {});
     fake->m_within = fail;
@@ -140,19 +139,40 @@ TEST_F(HandleTest, ADriverThatThrowsLeavesADeviceClosedAndNoLockHeld) {
     EXPECT_TRUE(device.readMessage(msg, 0));
     fake->m_within = fail;
     EXPECT_THROW(device.close(), std::bad_alloc);
-    EXPECT_FALSE(device.readMessage(msg, 0));
+    EXPECT_FALSE(device.open(1, false, 2));
+    device.close();
     EXPECT_TRUE(device.open(1, false, 2));
 }
 
-TEST_F(HandleTest, ASlowReadHoldsUpNothingElse) {
+TEST_F(HandleTest, ReadsAndWritesUseTheDescriptorAsItIsWhenTheyBegin) {
+    IInterface device(fake, {});
+    ASSERT_TRUE(device.open(1, false, 2));
+    fake->m_within = [&] { device.close(); };
+    EXPECT_TRUE(device.readMessage(msg, 0));
+    ASSERT_TRUE(device.open(1, false, 2));
+    fake->m_desc->handle = nullptr;
+    EXPECT_FALSE(device.readMessage(msg, 0));
+    EXPECT_FALSE(device.writeMessage(msg));
+}
+
+TEST_F(HandleTest, ASlowReadBlocksReadsAlone) {
     IInterface device(fake, {});
     ASSERT_TRUE(device.open(1, false, 2));
     fake->m_within = [&] {
         EXPECT_TRUE(device.writeMessage(msg));
+        EXPECT_THROW(device.readMessage(msg, 0), std::system_error);
         EXPECT_FALSE(device.open(1, false, 2));
         device.close();
-        EXPECT_EQ(fake->m_closed, -1) << "moved, though there is no descriptor";
         EXPECT_TRUE(device.open(1, false, 2));
     };
     EXPECT_TRUE(device.readMessage(msg, 0));
+}
+
+TEST_F(HandleTest, CallsWaitForAnOpenOrCloseThatRuns) {
+    IInterface device(fake, {});
+    const auto wait = [&] { EXPECT_THROW(device.readMessage(msg, 0), std::system_error); };
+    fake->m_within = wait;
+    EXPECT_TRUE(device.open(1, false, 2));
+    fake->m_within = wait;
+    device.close();
 }

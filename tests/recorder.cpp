@@ -20,9 +20,9 @@
 #include <new>
 #include <regex>
 
-// The function that one of this file stands in for.
+// The next definition of a function that this file defines.
 #define REAL(name) (reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name)))
-// True in a function that the library has called.
+// True in a function that the library calls.
 #define FROM_LIBRARY isLibrary(__builtin_return_address(0))
 
 namespace {
@@ -30,15 +30,23 @@ namespace {
 RecorderTest* current;
 // Not destroyed, as the library may be called after the end of main.
 std::vector<std::string>& record = *new std::vector<std::string>;
-std::string& locks = *new std::string;
 
 thread_local long allocationsLeft = -1;
-thread_local const std::string* path;  // of the source that the thread's log record comes from
+thread_local const std::string* path;  // the source file that the thread's log record names
+thread_local const void* held;         // the library's mutex that the thread has locked
+thread_local bool isWithin;            // the thread runs an action
 
 // While it lives, no allocation of this thread is made to fail.
 struct Memory {
     const long left = failAllocation(-1);
     ~Memory() { failAllocation(left); }
+};
+
+// While it lives, the thread runs an action.
+struct Within {
+    const void* const outerHeld = std::exchange(held, nullptr);
+    const bool outer = std::exchange(isWithin, true);
+    ~Within() { held = outerHeld, isWithin = outer; }
 };
 
 bool isLibrary(const void* caller) {
@@ -48,17 +56,16 @@ bool isLibrary(const void* caller) {
 
 const auto succeed = [] { return 0; };
 
-// Records a call, and gives the answer that waits for it, or else what `usual` gives.
-template <typename Usual, typename... Words>
-int answer(const Usual& usual, const char* name, const Words&... words) {
+// Records a call, and returns the answer that waits for it, or else the result of `usual`.
+template <typename Usual, typename... Args>
+int answer(const Usual& usual, const char* name, const Args&... args) {
     if (current == nullptr) return usual();
     const int error = errno;
     const Memory memory;
     std::ostringstream line;
     line << name;
-    ((line << ' ' << words), ...);
+    ((line << ' ' << args), ...);
     record.push_back(line.str());
-    if (locks.empty() || locks.back() != '.') locks += '.';
     errno = error;
     auto& answers = current->m_answers;
     if (answers.empty() || line.str().find(answers.front().text) == std::string::npos)
@@ -66,14 +73,14 @@ int answer(const Usual& usual, const char* name, const Words&... words) {
     const Answer given = answers.front();
     answers.pop_front();
     if (given.action) {
-        given.action();
+        runWithin(given.action);
         return usual();
     }
     errno = given.error;
     return given.result;
 }
 
-// In a CAN socket's place: a pipe of packets, of which both ends are one descriptor.
+// Stands for a CAN socket: a pipe of packets, with both ends in one descriptor.
 int openPipe() {
     int ends[2];
     pipe(ends);
@@ -86,21 +93,19 @@ int openPipe() {
     return fd;
 }
 
-void noteLock(const void* mutex) {
-    const Memory memory;
-    const auto next = static_cast<char>('a' + current->m_locks.size());
-    locks += '(';
-    locks += current->m_locks.emplace(mutex, next).first->second;
-}
-
 }  // namespace
+
+void runWithin(const std::function<void()>& action) {
+    const Within within;
+    action();
+}
 
 long failAllocation(long after) {
     return std::exchange(allocationsLeft, after);
 }
 
 // Not inlined, so that compilers do not take these for mismatched pairs.
-#ifndef THREAD_SANITIZER  // which lets no program replace its own
+#ifndef THREAD_SANITIZER  // it does not let a program replace its own
 [[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return allocationsLeft >= 0 && allocationsLeft-- == 0 ? nullptr : malloc(size);
 }
@@ -134,11 +139,14 @@ std::stringstream& LOG_Helper::getSS() {
 extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) {
-    if (FROM_LIBRARY && current != nullptr) noteLock(mutex);
-    return REAL(pthread_mutex_lock)(mutex);
+    if (!FROM_LIBRARY) return REAL(pthread_mutex_lock)(mutex);
+    if (held != nullptr) ADD_FAILURE() << "two locks at once";
+    const int error = isWithin ? pthread_mutex_trylock(mutex) : REAL(pthread_mutex_lock)(mutex);
+    if (error == 0) held = mutex;
+    return error;
 }
 int pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    if (current != nullptr && current->m_locks.count(mutex) != 0) locks += ')';  // a tail call too
+    if (held == mutex) held = nullptr;
     return REAL(pthread_mutex_unlock)(mutex);
 }
 
@@ -185,16 +193,19 @@ int socket(int domain, int type, int protocol) {
                   protocol == CAN_RAW ? "CAN_RAW" : "?");
 }
 int ioctl(int fd, unsigned long request, ifreq* argument) {  // variadic in its header
-    if (request == SIOCGIFINDEX) {
-        argument->ifr_ifindex = 77;
-        return answer(succeed, "ioctl", fd, "INDEX", argument->ifr_name);
-    }
-    argument->ifr_flags = current->m_linkIsUp ? IFF_UP : 0;
-    return answer(succeed, "ioctl", fd, request == SIOCGIFFLAGS ? "FLAGS" : "?",
+    argument->ifr_ifindex = 77;
+    return answer(succeed, "ioctl", fd, request == SIOCGIFINDEX ? "INDEX" : "?",
                   argument->ifr_name);
 }
 int bind(int fd, const sockaddr* address, socklen_t size) {
+    current->m_boundTo = reinterpret_cast<const sockaddr_can*>(address)->can_ifindex;
     return answer(succeed, "bind", fd, Bytes{address, size});
+}
+int getsockname(int fd, sockaddr* address, socklen_t* size) {
+    auto* const can = reinterpret_cast<sockaddr_can*>(address);
+    can->can_family = AF_CAN;
+    can->can_ifindex = current->m_boundTo;
+    return answer(succeed, "getsockname", fd, *size);
 }
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
     const char* name = option == CAN_RAW_FILTER ? "FILTER" : "?";
@@ -244,7 +255,7 @@ std::string bytes(const std::string& hexadecimal, size_t size) {
     return result;
 }
 
-// Leaves rubbish on the stack where the next call has its variables.
+// Fills the part of the stack that the next call uses.
 [[gnu::noinline]] static void soilStack() {
     volatile char rubbish[4096];
     for (volatile char& byte : rubbish) byte = 0x5A;
@@ -252,14 +263,13 @@ std::string bytes(const std::string& hexadecimal, size_t size) {
 
 static void run(const std::function<int()>& call) {
     record.clear();
-    locks.clear();
     soilStack();
     record.push_back("= " + std::to_string(call()));
 }
 
-static std::string joined(const std::vector<std::string>& words, const char* separator) {
+static std::string joined(const std::vector<std::string>& lines, const char* separator) {
     std::string text;
-    for (const std::string& word : words) text += (text.empty() ? "" : separator) + word;
+    for (const std::string& line : lines) text += (text.empty() ? "" : separator) + line;
     return text;
 }
 
@@ -275,11 +285,6 @@ std::string outcome(const std::function<int()>& call) {
         return std::regex_search(line, std::regex("^(log|write|close|=)"));
     });
     return joined(shown, "; ");
-}
-
-std::string locksOf(const std::function<int()>& call) {
-    run(call);
-    return locks;
 }
 
 static long openDescriptors() {

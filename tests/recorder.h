@@ -1,5 +1,5 @@
-// What the library asks of the system, recorded line by line and answered as told. The test
-// program's own definitions of the calls come before those of any library.
+// Records what the library asks of the system, line by line, and answers it. The test program
+// defines the calls, so that its definitions override those of all libraries.
 #ifndef CORVEL_TESTS_RECORDER_H
 #define CORVEL_TESTS_RECORDER_H
 
@@ -7,14 +7,13 @@
 
 #include <functional>
 #include <list>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "corvel/driverforsocketcan.h"
 
-// What the next call whose line holds the text gives, with this errno, instead of doing anything.
-// An action comes before the call, which then goes on as usual.
+// The next call whose line contains `text` is not executed; it returns `result` and sets errno.
+// With an action, that runs first, and the call is executed.
 struct Answer {
     std::string text;
     int result;
@@ -22,26 +21,34 @@ struct Answer {
     std::function<void()> action = nullptr;
 };
 
-// Every test has a system of its own, and ends with the descriptors that it began with. Calls
-// succeed unless an answer waits for them.
+// Each test has a system of its own, and must leave no descriptor open. Calls succeed unless an
+// answer waits for them. The library must never lock a second mutex on one thread.
 class RecorderTest : public testing::Test {
 public:
     RecorderTest();
     ~RecorderTest() override;
 
+    // Runs an action just before the next call whose line contains `text`.
+    void during(const std::string& text, const std::function<void()>& action) {
+        m_answers.push_back({text, 0, 0, action});
+    }
+
     std::list<Answer> m_answers;  // each waits for the one before it
     std::vector<std::pair<unsigned, const char*>> m_links{
         {772, "lo"}, {280, "can1"}, {280, "can0"}};
-    bool m_linkIsUp = true;
-    int m_firstSocket = 50;  // CAN sockets get the lowest number from here on that is free
-    std::map<const void*, char> m_locks;  // the library's, named in the order of their first use
+    int m_firstSocket = 50;  // CAN sockets get the lowest free number from here on
+    int m_boundTo = 0;       // the interface that the last bind named
 
 private:
     const long m_descriptors;
 };
 
-// Makes the allocation after `after` more on this thread throw, or none when negative. Gives how
-// many were left of an earlier order: below 0 when there was none, or it has been carried out.
+// Runs an action in the middle of a call of the library. A lock that the call holds and the action
+// needs throws std::system_error, instead of blocking for ever.
+void runWithin(const std::function<void()>& action);
+
+// Makes the allocation after `after` more on this thread throw, or none if negative. Returns what
+// was left of the previous order: negative if there was none, or it has been carried out.
 long failAllocation(long after);
 
 // What a call asked of the system and its result, each line after a line end: "NAME ARGUMENTS".
@@ -51,14 +58,10 @@ std::string callsOf(const std::function<int()>& call);
 // Only its log records, frames, closed sockets and result, separated by "; ".
 std::string outcome(const std::function<int()>& call);
 
-// How the library took locks for a call: "(a" takes the one of this letter, ")" gives it back, and
-// a dot stands for all that was asked of the system in between.
-std::string locksOf(const std::function<int()>& call);
-
-// Bytes, given as hexadecimal text and followed by zeros up to the size.
+// Bytes from hexadecimal text, followed by zeros up to the size.
 std::string bytes(const std::string& hexadecimal, size_t size);
 
-// Shown as its size and bytes, in the same way.
+// Shown as its size and such a text, without the zeros.
 struct Bytes {
     const void* data;
     size_t size;
