@@ -6,32 +6,32 @@
  * index that all four take is the number N of the interface canN.
  *
  * What the library promises:
- * - Any thread may call any function, for any index. A read that waits holds up other reads of the
+ * - Any thread may call any function, for any index. A read that waits blocks other reads of the
  *   same device, and nothing else.
- * - corvel_freeDLL() does not wait for calls in progress: they fail once the link is down, and keep
- *   their descriptor's number until then.
+ * - corvel_freeDLL() does not wait for calls in progress. They return once the link is down; until
+ *   then their descriptor is not reused. A write in progress may still return 0: its frame is lost.
  * - A device delivers frames of its own interface only. After its adapter was removed, it neither
  *   receives nor sends until it is released and initialised again.
  * - Failures are reported by status; the reason goes to the log (libpelid_log.so). The only
  *   exception is std::bad_alloc. It leaves no lock held and no descriptor open: an initialisation
  *   has registered nothing, a release has removed the device. The link may stay up.
- * - A process that ends, and a library that is unloaded, wait for no lock.
+ * - Process exit and unloading never block on a lock.
  *
  * What the caller must do:
- * - Release every device before the process exits or the library is unloaded. Otherwise its link
- *   stays up, and the next corvel_initDLL() fails.
- * - For one index, run no initialisation at the same time as another one or as a release.
+ * - Release every device, and end the calls of other threads, before the process exits or the
+ *   library is unloaded. A device that is not released keeps its link up, and the next
+ *   corvel_initDLL() fails. A call that meets the end of the process may crash.
+ * - For one index, run no initialisation at the same time as another one or as a release. Of two
+ *   initialisations that overlap, one leaves its socket open until the process exits.
  * - Initialise and release a device in one network namespace, and rename no link meanwhile.
  * - During an initialisation, neither ignore SIGCHLD nor call wait() or waitpid(-1, ...) in another
  *   thread: the outcome of its commands would be lost (CORVEL_OPEN_FAILED).
  * - Make no call from a signal handler. After fork, make none in the child of a process with
  *   threads before it executes another program. Cancel no thread inside a call.
- *   Unload the library only when no call runs or can still come.
- * - Initialise no device while the process ends (exit handlers, destructors of static objects).
  * - Provide a log library that does not call this library, which would deadlock.
  *
  * docs/threads.md gives the reasons, and the rare cases in which a promise is weaker: no spare file
- * descriptors, no right to run a command, a link that others take down, an adapter pulled out.
+ * descriptors, no right to run a command, a link that is taken down by hand, an adapter pulled out.
  */
 #ifndef TN_CORVEL_H
 #define TN_CORVEL_H
@@ -64,7 +64,8 @@ enum corvel_Status {
  *
  * The record does not say whether a frame is classic or CAN FD: a device sends the format that it
  * was initialised for, and a CAN FD device also receives classic frames. A CAN FD frame of more
- * than 8 bytes does not fit: received, it is dropped, and the read fails.
+ * than 8 bytes does not fit: received, it is dropped, and the read fails. The bytes of a sent frame
+ * that no field supplies are zero.
  */
 typedef struct _corvel_CanMsg {
     /**
@@ -88,8 +89,8 @@ typedef struct _corvel_CanMsg {
  * resource busy"), and after a failure the link may stay up: `sudo ip link set canN down`.
  *
  * @param devIndex number of the interface; not a position, not the kernel's interface index
- * @param bitrate  nominal bit rate in kbit/s, at most 4294967; examined by the controller's driver
- *                 alone. 0 keeps the timing that the link has.
+ * @param bitrate  nominal bit rate in kbit/s, at most 4294967; checked only by the kernel's CAN
+ *                 driver. 0 keeps the timing that the link has.
  * @param canFd    true: CAN FD. Every frame is then sent as a CAN FD frame with bit-rate switch.
  * @param dbitrate data-phase bit rate in kbit/s, as bitrate; without effect unless canFd
  * @retval CORVEL_SUCCESS (0) the device is open
@@ -104,7 +105,7 @@ CORVEL_API int32_t corvel_initDLL(int32_t devIndex, uint32_t bitrate, bool canFd
  * Closes a device and takes its interface down, by one `ip link set` command under `sudo`.
  *
  * @param devIndex index of an initialised device
- * @retval CORVEL_SUCCESS (0) the device is closed, whatever the command achieved
+ * @retval CORVEL_SUCCESS (0) the device is closed, even if the command failed
  * @retval CORVEL_NO_DEVICE (1) the index is not initialised
  */
 CORVEL_API int32_t corvel_freeDLL(int32_t devIndex);

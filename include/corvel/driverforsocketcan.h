@@ -10,8 +10,9 @@
 namespace corvel {
 
 /// The driver for Linux SocketCAN: lists links over netlink, configures them with `ip` under
-/// `sudo`, and moves frames through raw CAN sockets. It has no state of its own. The std::shared_ptr
-/// that owns an object destroys it as a DriverForSocketCan: there is no virtual destructor.
+/// `sudo`, and moves frames through raw CAN sockets. It has no state of its own. The
+/// std::shared_ptr that owns an object destroys it as a DriverForSocketCan: there is no virtual
+/// destructor.
 class CORVEL_API DriverForSocketCan : public IDriver {
 public:
     /// Lists every link of the CAN hardware type, whatever its name and state.
@@ -22,15 +23,15 @@ public:
         unsigned int index, const std::vector<std::shared_ptr<IInterface>>& devices) override;
 
     /// Brings the link up with the given timing, sets its transmit queue length and binds a raw CAN
-    /// socket to it. A failure undoes no command that succeeded, but leaves no socket. A name of
-    /// more than 15 characters, or of others than letters, digits, '.', '_' and '-', or that starts
-    /// with '-', is refused: a shell could misread it.
+    /// socket to it. On failure the socket is closed; commands that succeeded are not undone. A
+    /// name is refused that a shell could misread: longer than 15 characters, with other characters
+    /// than letters, digits, '.', '_' and '-', or with '-' first.
     bool open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
               unsigned int dbitrate) override;
 
-    /// Closes the socket and takes the link down; whether that succeeds is not examined. A read or
-    /// write that still waits on the socket returns when the link is down, or at once when it was
-    /// down before. Runs no command for a name that open() refuses.
+    /// Closes the socket and takes the link down; whether that succeeds is not checked. A read or
+    /// write that waits on the socket returns once the link is down, or at once if it was down
+    /// before. Runs no command for a name that open() refuses.
     void close(IInterface::DeviceDesc& desc) override;
 
     /// Accepts classic and CAN FD frames in either mode. A frame that does not fit the record is
@@ -38,8 +39,8 @@ public:
     bool readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg, bool canFd,
                      unsigned int timeout) override;
 
-    /// One write, of a classic frame or, in CAN FD mode, of a CAN FD frame with bit-rate switch. A
-    /// record that no such frame can carry is refused.
+    /// Writes one classic frame, or in CAN FD mode one CAN FD frame with bit-rate switch. A record
+    /// that does not fit such a frame is refused.
     bool writeMessage(const IInterface::DeviceDesc& desc, const _corvel_CanMsg& msg,
                       bool canFd) override;
 

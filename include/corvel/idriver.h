@@ -11,10 +11,12 @@ namespace corvel {
 
 /// A CAN back end: lists devices, picks one, opens and closes it, moves single frames.
 ///
-/// A driver object is owned by a std::shared_ptr from the start, since every handle that it makes
-/// shares it, and is destroyed through its concrete type. Operations for different devices may run
-/// at the same time on different threads; so may, for one device, one readMessage, one writeMessage
-/// and one open or close. Failures are reported as false and their reason is logged.
+/// A std::shared_ptr owns a driver from the start, shared by every handle, and destroys it by its
+/// concrete type: there is no virtual destructor. Operations for different devices may run at the
+/// same time on different threads; for one device, so may one readMessage, one writeMessage, and
+/// one open or close. Failures are returned as false, and their reason is logged.
+///
+/// Do not add a virtual operation: it changes the layout that derived classes were compiled for.
 class CORVEL_API IDriver : public std::enable_shared_from_this<IDriver> {
 public:
     /// Appends a new, unopened handle for every device of the machine to `devices`. False when they
@@ -25,15 +27,19 @@ public:
     virtual std::shared_ptr<IInterface> getDeviceByIndex(
         unsigned int index, const std::vector<std::shared_ptr<IInterface>>& devices) = 0;
 
-    /// Configures and opens a device, leaving its file descriptor in `desc.fd`. Rates in bit/s.
+    /// Configures and opens a device. `desc.fd` is then -1 or a file descriptor of its own, above 2
+    /// and close-on-exec. Anything else belongs into `desc.handle`. Rates in bit/s.
     virtual bool open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
                       unsigned int dbitrate) = 0;
 
-    /// Closes `desc.fd` unless it is -1, sets it to -1, and shuts the device down. Its descriptor
-    /// may be a duplicate of the one that open() left, when a read or write still uses that number.
+    /// Closes `desc.fd` unless it is -1, sets it to -1, and shuts the device down. Must also end
+    /// reads and writes that wait. If there are any, `desc.fd` is a duplicate, and their number is
+    /// kept safe until they return. Nothing keeps `desc.handle` safe: a read or write that waits
+    /// its turn still uses its copy after close() has returned. What it points to must stay valid
+    /// until the last call that began before has ended.
     virtual void close(IInterface::DeviceDesc& desc) = 0;
 
-    /// Waits at most `timeout` ms (0: polls) for one frame and stores it in `msg`, which is left
+    /// Waits at most `timeout` ms (0: polls) for one frame and stores it in `msg`. `msg` is left
     /// alone when the result is false.
     virtual bool readMessage(const IInterface::DeviceDesc& desc, _corvel_CanMsg& msg, bool canFd,
                              unsigned int timeout) = 0;

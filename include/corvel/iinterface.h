@@ -13,10 +13,10 @@ class IDriver;
 
 /// One CAN device: its descriptor, the driver that serves it, and whether it is open.
 ///
-/// Any thread may call any operation. One read and one write run at a time; neither holds up the
-/// other, nor open() and close(). Those wait for each other, and hold up reads and writes that
-/// begin meanwhile. Handles are made by the driver's scan. Destroying a handle does not close the
-/// device.
+/// Any thread may call any operation. At most one read and one write run at a time. They do not
+/// block each other, open() or close(). Those two wait for each other, and reads and writes that
+/// begin meanwhile wait for them. A driver's scan makes the handles. Destroying a handle does not
+/// close the device.
 class CORVEL_API IInterface : public std::enable_shared_from_this<IInterface> {
 public:
     /// Which network interface a device is, and the socket that serves it while it is open.
@@ -24,7 +24,7 @@ public:
         int ifindex = -1;        ///< the kernel's interface index when the device was listed
         int fd = -1;             ///< file descriptor of the open device, or -1
         std::string name;        ///< interface name, such as can0
-        void* handle = nullptr;  ///< at the driver's disposal; not owned
+        void* handle = nullptr;  ///< for the driver's use; see IDriver::close for its lifetime
     };
 
     /// A closed device. Shares the driver, which must not be empty, and copies the descriptor.
@@ -39,8 +39,8 @@ public:
     /// already.
     bool open(unsigned int bitrate, bool canFd, unsigned int dbitrate);
 
-    /// Closes the device, open or not. Does not wait for a read or write in progress: that fails,
-    /// and its descriptor's number is not handed out again before it has returned.
+    /// Closes the device, open or not. Does not wait for a read or write in progress, whose
+    /// descriptor is not reused before it has returned.
     void close();
 
     /// Waits at most `timeout` ms (0: polls) for one frame and stores it in `msg`, which is left
