@@ -70,29 +70,39 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     EXPECT_EQ(fake->m_desc->ifindex, 8);
 }
 
-TEST_F(HandleTest, AHandleFollowsItsStates) {
-    auto device = handle("can0");
-    const auto open = [&] { return device->open(1, false, 2); };
-    const auto shut = [&] { return close(*device); };
-    const auto write = [&] { return device->writeMessage(msg); };
-    const auto read = [&] { return device->readMessage(msg, 60000); };
-    const std::string down = "log 2 sudo ip link set can0 down; = 0";
-    const std::string notOpen = "\nlog 4 Failed to write, isOpen:0 fd:-1 handle:0\n= 0\n";
-    EXPECT_EQ(callsOf(read), "\n= 0\n") << "at once, without a message";
-    EXPECT_EQ(callsOf(write), notOpen);
-    EXPECT_EQ(outcome(shut), down);
+static std::string written(IInterface& device) {
+    return outcome([&] { return device.writeMessage(msg); });
+}
+static std::string shut(IInterface& device) {
+    return outcome([&] { return close(device); });
+}
+static const std::string down = "log 2 sudo ip link set can0 down; = 0";
+static const std::string notOpen = "log 4 Failed to write, isOpen:0 fd:-1 handle:0; = 0";
+
+TEST_F(HandleTest, AClosedDeviceIsReadAtOnceWithoutAMessage) {
+    EXPECT_EQ(callsOf([] { return handle("can0")->readMessage(msg, 60000); }), "\n= 0\n");
+}
+
+TEST_F(HandleTest, ADeviceThatWasNotOpenedIsNotWrittenButClosed) {
+    const auto device = handle("can0");
     m_answers = {{"bind", -1}};
-    EXPECT_FALSE(open());
-    EXPECT_EQ(callsOf(write), notOpen);
+    EXPECT_FALSE(device->open(1, false, 2));
+    EXPECT_EQ(written(*device), notOpen);
+    EXPECT_EQ(shut(*device), down);
+}
+
+TEST_F(HandleTest, ADeviceIsOpenedOnceAndAgainAfterItsClose) {
+    auto device = handle("can0");
     EXPECT_TRUE(device->open(1, true, 2));
-    EXPECT_EQ(callsOf(open), "\nlog 3 The device is already open!\n= 0\n");
-    EXPECT_EQ(outcome(write), "write 50 72:000000000001; = 1") << "in the mode of before";
-    EXPECT_EQ(outcome(shut), "close 50; " + down);
-    EXPECT_EQ(callsOf(write), notOpen);
-    EXPECT_TRUE(open());
-    EXPECT_EQ(outcome(write), "write 50 16:; = 1");
+    EXPECT_EQ(outcome([&] { return device->open(1, false, 2); }),
+              "log 3 The device is already open!; = 0");
+    EXPECT_EQ(written(*device), "write 50 72:000000000001; = 1") << "the mode has changed";
+    EXPECT_EQ(shut(*device), "close 50; " + down);
+    EXPECT_EQ(written(*device), notOpen);
+    EXPECT_TRUE(device->open(1, false, 2));
+    EXPECT_EQ(written(*device), "write 50 16:; = 1");
     device.reset();
-    EXPECT_EQ(::close(50), 0) << "its end has closed the device";
+    EXPECT_EQ(::close(50), 0) << "the end of a handle closes nothing";
 }
 
 TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
@@ -117,10 +127,10 @@ TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
         desc.fd = fd;
         EXPECT_EQ(outcome([&] { return driver->readMessage(desc, msg, false, 60000); }),
                   "log 4 select() error: Bad file descriptor; = 0");
-        EXPECT_EQ(outcome([&] { return driver->writeMessage(desc, msg, false); }),
-                  "write " + std::to_string(fd) +
-                      " 16:; log 4 write error:Bad file descriptor(errno=9); = 0");
     }
+    const std::string failed = "log 4 write error:Bad file descriptor(errno=9); = 0";
+    EXPECT_EQ(outcome([&] { return driver->writeMessage(desc, msg, false); }),
+              "write 1024 16:; " + failed);
     desc.fd = 0;
     m_answers = {{"select 0", 0}};
     EXPECT_FALSE(driver->readMessage(desc, msg, false, 1));

@@ -12,7 +12,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -267,24 +266,21 @@ static void run(const std::function<int()>& call) {
     record.push_back("= " + std::to_string(call()));
 }
 
-static std::string joined(const std::vector<std::string>& lines, const char* separator) {
-    std::string text;
-    for (const std::string& line : lines) text += (text.empty() ? "" : separator) + line;
-    return text;
-}
-
 std::string callsOf(const std::function<int()>& call) {
     run(call);
-    return '\n' + joined(record, "\n") + '\n';
+    std::string lines = "\n";
+    for (const std::string& line : record) lines += line + '\n';
+    return lines;
 }
 
 std::string outcome(const std::function<int()>& call) {
     run(call);
-    std::vector<std::string> shown;
-    std::copy_if(record.begin(), record.end(), std::back_inserter(shown), [](const auto& line) {
-        return std::regex_search(line, std::regex("^(log|write|close|=)"));
-    });
-    return joined(shown, "; ");
+    std::string shown;
+    for (const std::string& line : record) {
+        if (!std::regex_search(line, std::regex("^(log|write|close|=)"))) continue;
+        shown += (shown.empty() ? "" : "; ") + line;
+    }
+    return shown;
 }
 
 static long openDescriptors() {
