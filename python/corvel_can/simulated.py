@@ -1,30 +1,24 @@
 """What a healthy bus never shows an application, for its own tests on the simulated bus.
 
     import errno
-    from corvel_can.simulated import Call, fail_next, link_down
+    from corvel_can.simulated import Call, fail_next
 
     def test_full_queue(bus):
         fail_next(Call.WRITE, errno.ENOBUFS)
         with pytest.raises(can.CanTimeoutError):
             bus.send(can.Message(), timeout=0)
 
-    def test_link_down(bus):
-        link_down(0)
-        with pytest.raises(can.CanOperationError):
-            bus.recv()
-
 `simcan --own python3 -m pytest` runs such tests. Without simcan, the functions raise RuntimeError.
 """
 
 import ctypes
 import enum
-from typing import Any
 
 from can.typechecking import Channel
 
 from . import _index
 
-__all__ = ["Call", "fail_next", "link_down"]
+__all__ = ["Call", "fail_next", "link_down", "stall"]
 
 
 class Call(enum.IntEnum):
@@ -35,14 +29,13 @@ class Call(enum.IntEnum):
     CACHE = 2  # the interfaces cannot be listed, as if there were none
 
 
-def _function(name: str) -> Any:
+def _call(name: str, *arguments: object) -> None:
     try:
-        return getattr(ctypes.CDLL(None), name)
+        function = getattr(ctypes.CDLL(None), name)
     except AttributeError:
-        raise RuntimeError(
-            "this is not the simulated bus: start the program with simcan, as in "
-            "simcan --own python3 -m pytest"
-        ) from None
+        text = "this is not the simulated bus: start the program with simcan --own"
+        raise RuntimeError(text) from None
+    function(*arguments)
 
 
 def fail_next(call: Call, error: int) -> None:
@@ -50,12 +43,18 @@ def fail_next(call: Call, error: int) -> None:
 
     :param error: `errno` that it then sets; for `Call.CACHE` libnl's error; 0 takes the order back
     """
-    _function("simcan_failNext")(ctypes.c_int(call), ctypes.c_int(error))
+    _call("simcan_failNext", ctypes.c_int(call), ctypes.c_int(error))
 
 
 def link_down(channel: Channel) -> None:
-    """Tells every socket on an interface, in all processes, that its link went down.
+    """Tells every socket on an interface, in all processes, that its link went down."""
+    _call("simcan_linkDown", b"can%d" % _index(channel))
 
-    :param channel: as of `CorvelBus`: 0, "0" or "can0"
+
+def stall(channel: Channel, frames: int) -> None:
+    """Lets nobody acknowledge what this process sends on an interface: so many frames are taken and
+    reach nobody, then `send` waits, until the stall ends, or the link goes down.
+
+    :param frames: below 0 ends the stall
     """
-    _function("simcan_linkDown")(f"can{_index(channel)}".encode())
+    _call("simcan_stall", b"can%d" % _index(channel), ctypes.c_int(frames))
