@@ -78,7 +78,8 @@ class _Adapter:
             raise can.CanInitializationError(f"can{index} is {text}")
         atexit.register(self.release)
         try:
-            self._status = _library.corvel_initDLL(index, *rates)
+            with self._lock:  # at the end of the program, a release waits for it
+                self._status = _library.corvel_initDLL(index, *rates)
         finally:
             if self._status != _SUCCESS:
                 self.release()

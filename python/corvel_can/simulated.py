@@ -30,11 +30,9 @@ class Call(enum.IntEnum):
 
 
 def _call(name: str, *arguments: object) -> None:
-    try:
-        function = getattr(ctypes.CDLL(None), name)
-    except AttributeError:
-        text = "this is not the simulated bus: start the program with simcan --own"
-        raise RuntimeError(text) from None
+    function = getattr(ctypes.CDLL(None), name, None)
+    if function is None:
+        raise RuntimeError("this is not the simulated bus: start the program with simcan --own")
     function(*arguments)
 
 
