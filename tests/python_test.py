@@ -1,10 +1,9 @@
 """corvel_can on can0 and can1 of one bus; python-can's socketcan takes part."""
 
-import ctypes
 import errno
 import faulthandler
-import gc
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -13,7 +12,6 @@ import sys
 import tempfile
 import threading
 import time
-import types
 import unittest
 from concurrent.futures import ThreadPoolExecutor, wait
 from unittest import mock
@@ -34,51 +32,42 @@ def timing(tseg1, tseg2):
     return can.BitTiming(f_clock=8_000_000, brp=2, tseg1=tseg1, tseg2=tseg2, sjw=1)
 
 
-class FdTiming(types.SimpleNamespace):
-    """Stands for can.BitTimingFd, which python-can 4.1 lacks."""
-
-    nom_bitrate, nbt, dbt = 500_000, 160, 40
-
-
-def fd_timing(nominal_point, rate, point):
-    return FdTiming(nom_sample_point=nominal_point, data_bitrate=rate, data_sample_point=point)
+class FdTiming:  # stands for can.BitTimingFd, which python-can 4.1 lacks
+    def __init__(self, nom_sample_point, data_bitrate, data_sample_point):
+        vars(self).update(locals(), nom_bitrate=500_000, nbt=160, dbt=40)
 
 
 FRAMES = [(0,), (0x7FF, False, b"\x11"), (0x12, True, bytes(range(8))), (0x1FFFFFFF, True)]
 REFUSED_FRAMES = [frame(0x800), frame(1 << 29, True), frame(-1)]
 REFUSED_FRAMES += [frame(data=bytes(9)), frame(data=b"1", dlc=2), frame(is_error_frame=True)]
 REFUSED_BY = {False: frame(is_fd=True), True: frame(is_remote_frame=True)}  # with this fd
-OFF = {"receive_own_messages": "False", "app_name": "", "single_handle": 1, "state": "ACTIVE"}
 CLASSIC = "can0 up type can bitrate 500000 sample-point 0.875"
 FD = "can0 up type can bitrate 500000 sample-point 0.75 dbitrate "
 ACCEPTED = [  # options, and what the command says
-    (OFF, CLASSIC),
-    ({"state": can.BusState.ACTIVE}, CLASSIC),
+    ({"receive_own_messages": "False", "app_name": "", "state": "ACTIVE"}, CLASSIC),
+    ({"single_handle": True, "state": can.BusState.ACTIVE}, CLASSIC),
     ({"fd": True}, FD + "2000000 "),
     ({"fd": 1, "data_bitrate": "1000"}, FD + "1000 "),
     ({"timing": timing(13, 2), "tseg1": 13}, "bitrate 250000 sample-point 0.875"),
-    ({"timing": fd_timing(75, 4_000_000, 75)}, FD + "4000000 "),
-    ({"timing": fd_timing(75, 800_000, 80)}, FD + "800000 "),
-    ({"timing": fd_timing(75, 500_000, 86.25)}, FD + "500000 "),
+    ({"timing": FdTiming(75, 4_000_000, 75)}, FD + "4000000 "),
+    ({"timing": FdTiming(75, 800_000, 80)}, FD + "800000 "),
+    ({"timing": FdTiming(75, 500_000, 86.25)}, FD + "500000 "),
 ]
 REFUSED = {
     ValueError: [
         {"channel": "vcan0"}, {"channel": "can01"}, {"bitrate": "fast"}, {"bitrate": 500500},
         {"bitrate": 0}, {"bitrate": 4294968000}, {"data_bitrate": 2000000}, {"fd": "off"},
-        {"timing": "fast"}, {"timing": timing(13, 2), "fd": True},
-    ],
+        {"timing": "fast"}, {"timing": timing(13, 2), "fd": True}],
     NO_OPTION: [
         {"receive_own_messages": True}, {"state": can.BusState.PASSIVE}, {"timing": timing(12, 3)},
-        {"timing": fd_timing(85, 4_000_000, 75)}, {"timing": fd_timing(75, 801_000, 80)},
-        {"timing": fd_timing(75, 501_000, 87.5)},
-    ],
+        {"timing": FdTiming(85, 4_000_000, 75)}, {"timing": FdTiming(75, 801_000, 80)},
+        {"timing": FdTiming(75, 501_000, 87.5)}],
     NOT_OPEN: [{"bitrate": 4294967000}],  # which no adapter makes
 }
 CONFIGURATION = """[default]
 interface = corvel\nchannel = can1\nbitrate = 250000\nfd = True\ndata_bitrate = 1000000
 receive_own_messages = False"""
-WAIT = "while not corvel_can._held: pass"
-START = "import os, sys, threading, can, corvel_can\nfrom corvel_can import CorvelBus\n"
+START = "from corvel_can import CorvelBus, _held, can, os, threading\n"
 FORK = """bus = CorvelBus()
 if os.fork() == 0:
     bus.shutdown()
@@ -89,11 +78,9 @@ bus.send(can.Message())"""
 ENDS = {  # programs, and their exit status; each time the link goes up once, and down in the end
     "the end of the program": ("bus = CorvelBus()", 0),
     "the end of the object": ("CorvelBus(); os._exit(4)", 4),
-    "two shutdowns": ("bus = CorvelBus(); bus.shutdown(); bus.shutdown(); os._exit(4)", 4),
-    "an exception": ("with CorvelBus(): sys.exit(4)", 4),
     "a child": (FORK, 0),
     "a Notifier": ("bus = CorvelBus(); can.Notifier(bus, [])", 0),
-    "a thread that opens": ("threading.Thread(target=CorvelBus, daemon=True).start()\n" + WAIT, 0),
+    "a thread": ("threading.Thread(target=CorvelBus, daemon=True).start()\nwhile not _held: 0", 0),
     "a periodic task": ("bus = CorvelBus(); bus.send_periodic(can.Message(), 0.001)", 0),
 }
 
@@ -111,24 +98,20 @@ class CorvelBusTest(unittest.TestCase):
         return self.enterContext(mock.patch.object(*what, **how))
 
     def commands(self):
-        """Those since the last time."""
         return self.log.read().splitlines()
 
     def folder(self, name, text):
-        """A new one with this executable file."""
-        folder = self.enterContext(tempfile.TemporaryDirectory())
-        with open(f"{folder}/{name}", "w", opener=lambda *words: os.open(*words, 0o755)) as file:
-            file.write(text)
-        return folder
+        file = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()), name)
+        file.write_text(text)
+        file.chmod(0o755)
+        return str(file.parent)
 
     def kill_once(self, word):
-        """Has the next command with this word ended by a signal."""
         kill = f'case "$*" in *{word}*) rm "$0"; kill -TERM $$ ;; esac'
         folder = self.folder("sudo", f'#!/bin/sh\n{kill}\nexec {shutil.which("sudo")} "$@"\n')
         self.set(PATH=f"{folder}:{os.environ['PATH']}")
 
     def interrupted(self, name, before):
-        """Has calls of the library raise KeyboardInterrupt, before or after they are made."""
         def interrupted(*arguments):
             before or call(*arguments)
             raise KeyboardInterrupt
@@ -136,8 +119,7 @@ class CorvelBusTest(unittest.TestCase):
         call = getattr(library, name)
         return mock.patch.object(library, name, interrupted)
 
-    def run_program(self, program, **variables):
-        self.set(**variables)
+    def run_program(self, program):
         words = [sys.executable, "-c", START + program]
         return subprocess.run(words, stderr=subprocess.PIPE, text=True, timeout=60)
 
@@ -146,8 +128,7 @@ class CorvelBusTest(unittest.TestCase):
             with CorvelBus(0, fd=fd) as bus, CorvelBus("can1", fd=fd) as partner:
                 other = self.enterContext(can.Bus("can1", "socketcan", fd=fd))
                 messages = [frame(*values, is_fd=fd, bitrate_switch=fd) for values in FRAMES]
-                if not fd:
-                    messages.append(frame(is_remote_frame=True, dlc=2))
+                messages += [] if fd else [frame(is_remote_frame=True, dlc=2)]
                 for message in messages:
                     for sender in (bus, partner, other):
                         begin = time.time()
@@ -164,7 +145,7 @@ class CorvelBusTest(unittest.TestCase):
                 self.assertIsNone(partner.recv(0))
 
     def test_recv_that_waits_blocks_no_send(self):
-        with CorvelBus() as bus:
+        with CorvelBus(0) as bus, CorvelBus(1):
             reading = self.pool.submit(bus.recv)
             begin = time.monotonic()
             for _ in range(100):
@@ -197,18 +178,16 @@ class CorvelBusTest(unittest.TestCase):
             with self.subTest(options):
                 CorvelBus(**options).shutdown()
                 self.assertIn(words, self.commands()[0])
-        for error, options in REFUSED.items():
-            for each in options:
-                with self.subTest(each), self.assertRaises(error):
-                    CorvelBus(**each)
+        for error, options in [(error, each) for error in REFUSED for each in REFUSED[error]]:
+            with self.subTest(options), self.assertRaises(error):
+                CorvelBus(**options)
 
     def test_configuration_file(self):
         self.set(HOME=self.folder(".canrc", CONFIGURATION))
         self.patch(can.util, "VALID_INTERFACES", ["corvel"])
         self.patch(can.interface, "BACKENDS", {"corvel": ("corvel_can", "CorvelBus")})
         with can.Bus():
-            words = "can1 up type can bitrate 250000 sample-point 0.75 dbitrate 1000000 "
-            self.assertIn(words, self.commands()[0])
+            self.assertRegex(self.commands()[0], "can1 .* bitrate 250000 .* dbitrate 1000000 ")
 
     def test_failed_openings(self):
         for call, status in ((simulated.Call.CACHE, 1), (simulated.Call.SOCKET, 5)):
@@ -253,36 +232,28 @@ class CorvelBusTest(unittest.TestCase):
             self.assertTrue(self.commands()[-1].endswith(last))
 
     @unittest.skipUnless("SIMCAN_KERNEL" in os.environ, "needs links that go up and down")
-    def test_links_of_the_kernel_after_killed_commands(self):
-        def is_up():
-            return b"can0" in subprocess.check_output(["ip", "link", "show", "can0", "up"])
-
-        with CorvelBus():
-            self.assertTrue(is_up())
-            self.kill_once("down")
-        self.assertFalse(is_up())
+    def test_links_of_the_kernel_after_a_killed_opening(self):
         for before in ("down", "up"):
             os.system(f"ip link set can0 {before}")
             self.kill_once("txqueuelen")
             self.assertRaises(NOT_OPEN, CorvelBus)
-            self.assertEqual(is_up(), before == "up")
+            links = subprocess.check_output(["ip", "link", "show", "can0", "up"])
+            self.assertEqual(b"can0" in links, before == "up")
 
     def test_signals_are_left_alone(self):
         def signals():
-            with open("/proc/self/status") as status:
-                return re.findall("Sig(?:Blk|Ign|Cgt).*", status.read())
+            return re.findall("Sig(?:Blk|Ign|Cgt).*", pathlib.Path("/proc/self/status").read_text())
 
         def initialise(*arguments):
             child = self.pool.submit(subprocess.run, ["sh", "-c", "kill $$"])
-            ended.append(child.result().returncode)
+            self.assertEqual(child.result().returncode, -signal.SIGTERM)
             return call(*arguments)
 
-        ended, call = [], library.corvel_initDLL
+        call = library.corvel_initDLL
         faulthandler.register(signal.SIGTERM)  # a handler of C code
         before = signals()
         self.patch(library, "corvel_initDLL", initialise)
         CorvelBus().shutdown()
-        self.assertEqual(ended, [-signal.SIGTERM])
         self.assertEqual(signals(), before)
 
     def test_second_bus_is_refused(self):
@@ -294,8 +265,6 @@ class CorvelBusTest(unittest.TestCase):
             bus.send(frame())
 
     def test_bus_with_an_ended_task_is_collected(self):
-        gc.disable()
-        self.addCleanup(gc.enable)
         CorvelBus().send_periodic(frame(), 0.01, 0.02).thread.join(10)
         CorvelBus().shutdown()
 
@@ -307,24 +276,22 @@ class CorvelBusTest(unittest.TestCase):
 
     def test_send_waits_for_room(self):
         with CorvelBus(0) as bus, CorvelBus(1) as partner:
-            for timeout in (None, 5):
-                simulated.fail_next(simulated.Call.WRITE, errno.ENOBUFS)
-                bus.send(frame(2), timeout)
-                self.assertEqual(partner.recv(5).arbitration_id, 2)
+            simulated.fail_next(simulated.Call.WRITE, errno.ENOBUFS)
+            bus.send(frame(2))
+            self.assertEqual(partner.recv(5).arbitration_id, 2)
             begin = time.monotonic()
             self.patch(library, "corvel_writeMessage", return_value=3)
             self.assertRaises(can.CanTimeoutError, bus.send, frame(), timeout=0.3)
             self.assertGreaterEqual(time.monotonic() - begin, 0.3)
 
-    @unittest.skipUnless(hasattr(ctypes.CDLL(None), "simcan_stall"), "needs a newer simulated bus")
+    @unittest.skipUnless(hasattr(simulated.ctypes.CDLL(None), "simcan_stall"), "simcan is older")
     def test_shutdown_ends_a_send_on_a_stalled_bus(self):
         with CorvelBus() as bus:
             simulated.stall(0, 5)
             self.addCleanup(simulated.stall, 0, -1)
             sending = [self.pool.submit(bus.send, frame()) for _ in range(6)]
-            sending[4].result(5)
-            self.assertFalse(wait(sending[5:], 0.3).done)
-        self.assertRaises(can.CanOperationError, sending[5].result, 5)
+            self.assertEqual(len(wait(sending, 1).done), 5)
+        self.assertRaises(can.CanOperationError, sending[5].result)
 
     def test_filters(self):
         with CorvelBus(0) as bus, CorvelBus(1, [{"can_id": 2, "can_mask": 0x7FF}]) as partner:
@@ -341,10 +308,6 @@ class CorvelBusTest(unittest.TestCase):
                 self.assertIsNone(bus.recv(0.3))
                 self.assertGreaterEqual(time.monotonic() - begin, 0.3)
                 self.assertLess(time.monotonic() - begin, 10)
-
-    def test_no_spare_descriptor(self):
-        with CorvelBus() as bus, mock.patch("socket.socket", side_effect=OSError(errno.EMFILE)):
-            self.assertIsNone(bus.recv(0))
 
     def test_ends_of_recv_and_send(self):
         for text, end in (
@@ -368,14 +331,9 @@ class CorvelBusTest(unittest.TestCase):
         self.assertEqual(caught.filename, __file__)
 
     def test_detection(self):
-        names = enumerate(["lo", "can0", "vcan0", "can01", "can10"])
-        self.patch(corvel_can.socket, "if_nameindex", return_value=names)
-        found = CorvelBus._detect_available_configs()
-        self.assertEqual([config["channel"] for config in found], [0, 10])
-
-    def test_simulated_elsewhere(self):
-        program = "from corvel_can import simulated; simulated.link_down(0)"
-        self.assertIn("RuntimeError: this is", self.run_program(program, LD_PRELOAD="").stderr)
+        self.patch(corvel_can.socket, "if_nameindex", lambda: enumerate(["can01", "vcan0", "can1"]))
+        found = [each["channel"] for each in CorvelBus._detect_available_configs()]
+        self.assertEqual(found, [1])
 
     def test_ends_of_programs(self):
         for name, (program, status) in ENDS.items():
