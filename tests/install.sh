@@ -42,7 +42,7 @@ $simcan ./exchange 2>/dev/null | grep -q -x 'all as expected'
 quietly environment/bin/pip install --no-index --no-build-isolation --no-deps again/elsewhere/python
 program='import can; can.Bus(interface="corvel", channel=0).shutdown()'
 [ -n "$installed" ] || environment/bin/python -c "$program" 2>&1 |
-    grep -q 'libtn_corvel.so was not found: install libtn-corvel'
+    grep -q 'libtn_corvel.so: .*: install libtn-corvel'
 LD_LIBRARY_PATH=$folder/lib $simcan environment/bin/python -c "$program"
 
 cat >parent.cmake <<'CMAKE'
