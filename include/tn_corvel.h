@@ -115,7 +115,7 @@ CORVEL_API int32_t corvel_freeDLL(int32_t devIndex);
  *
  * Does not wait for the frame to appear on the bus. But when the socket's send buffer is full, with
  * some hundreds of frames not yet on the bus, the call blocks until one of them is, the device is
- * released, or a signal is handled on its thread.
+ * released, or a signal is handled on its thread: without limit while no other node acknowledges.
  *
  * @param devIndex index of an initialised device
  * @param msg      frame to send
