@@ -2,15 +2,13 @@
 
 import errno
 import faulthandler
+import itertools
 import os
 import pathlib
-import re
-import shutil
 import signal
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor, wait
@@ -41,12 +39,10 @@ FRAMES = [(0,), (0x7FF, False, b"\x11"), (0x12, True, bytes(range(8))), (0x1FFFF
 REFUSED_FRAMES = [frame(0x800), frame(1 << 29, True), frame(-1)]
 REFUSED_FRAMES += [frame(data=bytes(9)), frame(data=b"1", dlc=2), frame(is_error_frame=True)]
 REFUSED_BY = {False: frame(is_fd=True), True: frame(is_remote_frame=True)}  # with this fd
-CLASSIC = "can0 up type can bitrate 500000 sample-point 0.875"
 FD = "can0 up type can bitrate 500000 sample-point 0.75 dbitrate "
 ACCEPTED = [  # options, and what the command says
-    ({"receive_own_messages": "False", "app_name": "", "state": "ACTIVE"}, CLASSIC),
-    ({"single_handle": True, "state": can.BusState.ACTIVE}, CLASSIC),
-    ({"fd": True}, FD + "2000000 "),
+    ({"receive_own_messages": "False", "app_name": "", "state": "ACTIVE"}, " 500000 "),
+    ({"fd": True, "single_handle": True, "state": can.BusState.ACTIVE}, FD + "2000000 "),
     ({"fd": 1, "data_bitrate": "1000"}, FD + "1000 "),
     ({"timing": timing(13, 2), "tseg1": 13}, "bitrate 250000 sample-point 0.875"),
     ({"timing": FdTiming(75, 4_000_000, 75)}, FD + "4000000 "),
@@ -55,18 +51,16 @@ ACCEPTED = [  # options, and what the command says
 ]
 REFUSED = {
     ValueError: [
-        {"channel": "vcan0"}, {"channel": "can01"}, {"bitrate": "fast"}, {"bitrate": 500500},
-        {"bitrate": 0}, {"bitrate": 4294968000}, {"data_bitrate": 2000000}, {"fd": "off"},
-        {"timing": "fast"}, {"timing": timing(13, 2), "fd": True}],
+        {"channel": "vcan0"}, {"channel": "can01"}, {"fd": "off"}, {"data_bitrate": 2000000},
+        {"bitrate": 0}, {"bitrate": 500500}, {"bitrate": 4294968000},
+        {"timing": timing(13, 2), "fd": True}],
     NO_OPTION: [
         {"receive_own_messages": True}, {"state": can.BusState.PASSIVE}, {"timing": timing(12, 3)},
         {"timing": FdTiming(85, 4_000_000, 75)}, {"timing": FdTiming(75, 801_000, 80)},
         {"timing": FdTiming(75, 501_000, 87.5)}],
-    NOT_OPEN: [{"bitrate": 4294967000}],  # which no adapter makes
 }
-CONFIGURATION = """[default]
-interface = corvel\nchannel = can1\nbitrate = 250000\nfd = True\ndata_bitrate = 1000000
-receive_own_messages = False"""
+CONFIGURATION = """[default]\ninterface = corvel\nchannel = can1
+bitrate = 250000\nfd = True\ndata_bitrate = 1000000"""
 START = "from corvel_can import CorvelBus, _held, can, os, threading\n"
 FORK = """bus = CorvelBus()
 if os.fork() == 0:
@@ -75,24 +69,20 @@ if os.fork() == 0:
     except can.CanInitializationError as error: os._exit("before fork" in str(error))
 assert os.wait()[1] == 1 << 8
 bus.send(can.Message())"""
-ENDS = {  # programs, and their exit status; each time the link goes up once, and down in the end
-    "the end of the program": ("bus = CorvelBus()", 0),
-    "the end of the object": ("CorvelBus(); os._exit(4)", 4),
-    "a child": (FORK, 0),
-    "a Notifier": ("bus = CorvelBus(); can.Notifier(bus, [])", 0),
-    "a thread": ("threading.Thread(target=CorvelBus, daemon=True).start()\nwhile not _held: 0", 0),
-    "a periodic task": ("bus = CorvelBus(); bus.send_periodic(can.Message(), 0.001)", 0),
-}
+ENDS = [  # programs; each time the link goes up once, and down in the end
+    FORK, "bus = CorvelBus(); can.Notifier(bus, [])",
+    "threading.Thread(target=CorvelBus, daemon=True).start()\nwhile not _held: 0",
+    "bus = CorvelBus(); bus.send_periodic(can.Message(), 0.001)",
+]
 
 
 class CorvelBusTest(unittest.TestCase):
     def setUp(self):
-        self.log = self.enterContext(tempfile.NamedTemporaryFile("r"))
-        self.set(SIMCAN_SUDO_LOG=self.log.name)
+        self.home = home = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.log = self.enterContext(open(home / "log", "w+"))
+        paths = {"HOME": str(home), "PATH": f"{home}:{os.environ['PATH']}"}
+        self.enterContext(mock.patch.dict(os.environ, paths, SIMCAN_SUDO_LOG=self.log.name))
         self.pool = self.enterContext(ThreadPoolExecutor(1))
-
-    def set(self, **variables):
-        self.enterContext(mock.patch.dict(os.environ, variables))
 
     def patch(self, *what, **how):
         return self.enterContext(mock.patch.object(*what, **how))
@@ -100,24 +90,15 @@ class CorvelBusTest(unittest.TestCase):
     def commands(self):
         return self.log.read().splitlines()
 
-    def folder(self, name, text):
-        file = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()), name)
-        file.write_text(text)
-        file.chmod(0o755)
-        return str(file.parent)
-
     def kill_once(self, word):
         kill = f'case "$*" in *{word}*) rm "$0"; kill -TERM $$ ;; esac'
-        folder = self.folder("sudo", f'#!/bin/sh\n{kill}\nexec {shutil.which("sudo")} "$@"\n')
-        self.set(PATH=f"{folder}:{os.environ['PATH']}")
+        command = self.home / "sudo"
+        command.write_text(f'#!/bin/sh\n{kill}\nPATH="${{PATH#*:}}" exec sudo "$@"\n')
+        command.chmod(0o755)
 
     def interrupted(self, name, before):
-        def interrupted(*arguments):
-            before or call(*arguments)
-            raise KeyboardInterrupt
-
-        call = getattr(library, name)
-        return mock.patch.object(library, name, interrupted)
+        call, interrupt = getattr(library, name), signal.default_int_handler
+        return mock.patch.object(library, name, lambda *a: [before or call(*a), interrupt(2, None)])
 
     def run_program(self, program):
         words = [sys.executable, "-c", START + program]
@@ -129,16 +110,15 @@ class CorvelBusTest(unittest.TestCase):
                 other = self.enterContext(can.Bus("can1", "socketcan", fd=fd))
                 messages = [frame(*values, is_fd=fd, bitrate_switch=fd) for values in FRAMES]
                 messages += [] if fd else [frame(is_remote_frame=True, dlc=2)]
-                for message in messages:
-                    for sender in (bus, partner, other):
-                        begin = time.time()
-                        sender.send(message)
-                        for receiver in {bus, partner, other} - {sender}:
-                            message.channel = receiver.channel
-                            got = receiver.recv(5)
-                            with self.subTest(sender=sender.channel_info, got=got):
-                                self.assertTrue(got.equals(message, None, check_direction=False))
-                                self.assertLess(begin - 0.01, got.timestamp)
+                for message, sender in itertools.product(messages, (bus, partner, other)):
+                    begin = time.time()
+                    sender.send(message)
+                    for receiver in {bus, partner, other} - {sender}:
+                        message.channel = receiver.channel
+                        got = receiver.recv(5)
+                        with self.subTest(sender=sender.channel_info, got=got):
+                            self.assertTrue(got.equals(message, None, check_direction=False))
+                            self.assertLess(begin - 0.01, got.timestamp)
                 for message in [*REFUSED_FRAMES, REFUSED_BY[fd]]:
                     with self.subTest(message), self.assertRaises(ValueError):
                         bus.send(message)
@@ -155,22 +135,11 @@ class CorvelBusTest(unittest.TestCase):
 
     @unittest.skipUnless("CORVEL_TEST_REMOVE" in os.environ, "needs an adapter that can be removed")
     def test_removed_under_traffic(self):
-        def send_always():
-            while True:
-                partner.send(frame())
-
-        with CorvelBus(0) as bus, CorvelBus(1) as partner, self.assertRaises(can.CanOperationError):
-            reader = self.pool.submit(threading.get_ident).result()
-            reading = self.pool.submit(list, bus)
+        with CorvelBus(0) as bus, CorvelBus(1):
+            self.addCleanup(subprocess.Popen(["cangen", "can1", "-i", "-g", "1"]).kill)
             os.system(f"(sleep 1; {os.environ['CORVEL_TEST_REMOVE']}) &")
-            threading.Thread(target=send_always, daemon=True).start()
-            while True:
-                bus.send(frame(), 1)
-        signal.signal(signal.SIGUSR1, lambda *_: None)
-        while not reading.done():  # a send may take what would end the recv
-            signal.pthread_kill(reader, signal.SIGUSR1)
-            wait([reading], 0.5)
-        self.assertIsInstance(reading.exception(), can.CanOperationError)
+            self.assertRaises(can.CanOperationError, list, bus)
+            self.assertRaises(can.CanOperationError, bus.send, frame())
 
     def test_options(self):
         self.patch(can, "BitTimingFd", FdTiming, create=True)
@@ -183,19 +152,16 @@ class CorvelBusTest(unittest.TestCase):
                 CorvelBus(**options)
 
     def test_configuration_file(self):
-        self.set(HOME=self.folder(".canrc", CONFIGURATION))
+        (self.home / ".canrc").write_text(CONFIGURATION)
         self.patch(can.util, "VALID_INTERFACES", ["corvel"])
         self.patch(can.interface, "BACKENDS", {"corvel": ("corvel_can", "CorvelBus")})
         with can.Bus():
             self.assertRegex(self.commands()[0], "can1 .* bitrate 250000 .* dbitrate 1000000 ")
 
-    def test_failed_openings(self):
-        for call, status in ((simulated.Call.CACHE, 1), (simulated.Call.SOCKET, 5)):
-            with self.subTest(call), self.assertRaises(NOT_OPEN) as caught:
-                simulated.fail_next(call, errno.EPERM)
-                CorvelBus()
-            self.assertEqual(caught.exception.error_code, status)
-            CorvelBus().shutdown()
+    def test_failed_opening_can_be_repeated(self):
+        for _ in range(2):
+            with self.assertRaisesRegex(NOT_OPEN, "not configured.*Code 5"):
+                CorvelBus(bitrate=4294967000)  # which no adapter makes
 
     def test_missing_interface(self):
         log = self.run_program("CorvelBus(7)").stderr
@@ -224,44 +190,33 @@ class CorvelBusTest(unittest.TestCase):
         self.assertEqual(len(self.commands()), 1)
 
     def test_killed_opening_leaves_the_link_as_it_was(self):
-        for links, last in ([0, 1], " down"), ([1, 1], " restart-ms 0"):
+        for before, last in ("down", " down"), ("up", " restart-ms 0"):
             self.kill_once("txqueuelen")
-            self.patch(corvel_can._Adapter, "link", side_effect=links)
-            with self.subTest(links), self.assertRaises(NOT_OPEN):
+            if "SIMCAN_KERNEL" in os.environ:
+                os.system(f"ip link set can0 {before}")
+            else:  # where commands do not change links
+                self.patch(corvel_can._Adapter, "link", side_effect=[before == "up", True])
+            with self.subTest(before), self.assertRaises(NOT_OPEN):
                 CorvelBus()
             self.assertTrue(self.commands()[-1].endswith(last))
 
-    @unittest.skipUnless("SIMCAN_KERNEL" in os.environ, "needs links that go up and down")
-    def test_links_of_the_kernel_after_a_killed_opening(self):
-        for before in ("down", "up"):
-            os.system(f"ip link set can0 {before}")
-            self.kill_once("txqueuelen")
-            self.assertRaises(NOT_OPEN, CorvelBus)
-            links = subprocess.check_output(["ip", "link", "show", "can0", "up"])
-            self.assertEqual(b"can0" in links, before == "up")
-
     def test_signals_are_left_alone(self):
-        def signals():
-            return re.findall("Sig(?:Blk|Ign|Cgt).*", pathlib.Path("/proc/self/status").read_text())
+        def terminate_a_child(*_):
+            child = self.pool.submit(subprocess.call, ["sh", "-c", "kill $$"])
+            self.assertEqual(child.result(), -signal.SIGTERM)
+            return mock.DEFAULT  # lets the library be called
 
-        def initialise(*arguments):
-            child = self.pool.submit(subprocess.run, ["sh", "-c", "kill $$"])
-            self.assertEqual(child.result().returncode, -signal.SIGTERM)
-            return call(*arguments)
-
-        call = library.corvel_initDLL
         faulthandler.register(signal.SIGTERM)  # a handler of C code
-        before = signals()
-        self.patch(library, "corvel_initDLL", initialise)
+        look = ["grep", "Sig[BIC]", f"/proc/{os.getpid()}/status"]  # blocked, ignored, caught
+        before, call = subprocess.check_output(look), library.corvel_initDLL
+        self.patch(library, "corvel_initDLL", wraps=call, side_effect=terminate_a_child)
         CorvelBus().shutdown()
-        self.assertEqual(signals(), before)
+        self.assertEqual(subprocess.check_output(look), before)
 
     def test_second_bus_is_refused(self):
         with CorvelBus() as bus:
-            descriptors = os.listdir("/proc/self/fd")
             with self.assertRaisesRegex(NOT_OPEN, "shut that bus down first"):
                 CorvelBus("can0")
-            self.assertEqual(os.listdir("/proc/self/fd"), descriptors)
             bus.send(frame())
 
     def test_bus_with_an_ended_task_is_collected(self):
@@ -284,7 +239,6 @@ class CorvelBusTest(unittest.TestCase):
             self.assertRaises(can.CanTimeoutError, bus.send, frame(), timeout=0.3)
             self.assertGreaterEqual(time.monotonic() - begin, 0.3)
 
-    @unittest.skipUnless(hasattr(simulated.ctypes.CDLL(None), "simcan_stall"), "simcan is older")
     def test_shutdown_ends_a_send_on_a_stalled_bus(self):
         with CorvelBus() as bus:
             simulated.stall(0, 5)
@@ -300,21 +254,17 @@ class CorvelBusTest(unittest.TestCase):
             self.assertEqual(partner.recv().arbitration_id, 2)
 
     def test_recv_ignores_a_clock_that_is_set(self):
+        self.patch(time, "time", side_effect=itertools.count(step=60))
+        self.patch(can.bus, "time", time.time)
         with CorvelBus() as bus:
-            for step in (-60, 60):
-                first = iter([0])
-                self.patch(can.bus, "time", lambda: time.time() + next(first, step))
-                begin = time.monotonic()
-                self.assertIsNone(bus.recv(0.3))
-                self.assertGreaterEqual(time.monotonic() - begin, 0.3)
-                self.assertLess(time.monotonic() - begin, 10)
+            begin = time.monotonic()
+            self.assertIsNone(bus.recv(0.3))
+            self.assertGreaterEqual(time.monotonic() - begin, 0.3)
 
     def test_ends_of_recv_and_send(self):
-        for text, end in (
-            ("taken down", lambda _: simulated.link_down(0)),
-            ("shut down", lambda _: library.corvel_freeDLL(0)),
-            ("shut down", CorvelBus.shutdown),
-        ):
+        for text, end in (("taken down", lambda _: simulated.link_down(0)),
+                          ("shut down", lambda _: library.corvel_freeDLL(0)),
+                          ("shut down", CorvelBus.shutdown)):
             with self.subTest(text), CorvelBus() as bus:
                 reading = self.pool.submit(bus.recv)
                 end(bus)
@@ -332,17 +282,16 @@ class CorvelBusTest(unittest.TestCase):
 
     def test_detection(self):
         self.patch(corvel_can.socket, "if_nameindex", lambda: enumerate(["can01", "vcan0", "can1"]))
-        found = [each["channel"] for each in CorvelBus._detect_available_configs()]
-        self.assertEqual(found, [1])
+        found = CorvelBus._detect_available_configs()
+        self.assertEqual(found, [{"interface": "corvel", "channel": 1}])
 
     def test_ends_of_programs(self):
-        for name, (program, status) in ENDS.items():
-            with self.subTest(name):
+        for program in ENDS:
+            with self.subTest(program):
                 ended = self.run_program(program)
                 up, length, *down = self.commands()
-                self.assertEqual(ended.returncode, status)
+                self.assertEqual(ended.returncode, 0)
                 self.assertNotIn("Traceback", ended.stderr)
-                self.assertIn("can0 up", up)
                 self.assertEqual({*down}, {"sudo ip link set can0 down"})
 
 
