@@ -72,7 +72,8 @@ int answer(const Usual& usual, const char* name, const Args&... args) {
     const Answer given = answers.front();
     answers.pop_front();
     if (given.action) {
-        runWithin(given.action);
+        const Within within;
+        given.action();
         return usual();
     }
     errno = given.error;
@@ -83,8 +84,7 @@ int answer(const Usual& usual, const char* name, const Args&... args) {
 int openPipe() {
     int ends[2];
     pipe(ends);
-    const std::string both = "/proc/self/fd/" + std::to_string(ends[0]);
-    const int opened = open(both.c_str(), O_RDWR);
+    const int opened = open(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), O_RDWR);
     fcntl(opened, F_SETFL, O_DIRECT);
     for (const int end : ends) REAL(close)(end);
     const int fd = fcntl(opened, F_DUPFD, current->m_firstSocket);
@@ -94,22 +94,15 @@ int openPipe() {
 
 }  // namespace
 
-void runWithin(const std::function<void()>& action) {
-    const Within within;
-    action();
-}
-
 long failAllocation(long after) {
     return std::exchange(allocationsLeft, after);
 }
 
 // Not inlined, so that compilers do not take these for mismatched pairs.
 #ifndef THREAD_SANITIZER  // it does not let a program replace its own
-[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return allocationsLeft >= 0 && allocationsLeft-- == 0 ? nullptr : malloc(size);
-}
 [[gnu::noinline]] void* operator new(size_t size) {
-    if (void* memory = operator new(size, std::nothrow)) return memory;
+    const bool fails = allocationsLeft >= 0 && allocationsLeft-- == 0;
+    if (void* memory = fails ? nullptr : malloc(size)) return memory;
     throw std::bad_alloc();
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
@@ -126,10 +119,8 @@ LOG_Helper::LOG_Helper(std::string module, int level, const std::string& file, u
     errno = ENOTTY;  // making a record may change errno
 }
 LOG_Helper::~LOG_Helper() {
-    const Memory memory;
     const bool wellFormed = m_module == "corvel" && path->rfind("src/", 0) == 0 && m_line > 0;
-    const std::string message = std::regex_replace(m_message.str(), std::regex("\n"), "\\n");
-    answer(succeed, wellFormed ? "log" : "malformed log", m_level, message);
+    answer(succeed, wellFormed ? "log" : "malformed log", m_level, m_message.rdbuf());
 }
 std::stringstream& LOG_Helper::getSS() {
     return m_message;
@@ -201,9 +192,7 @@ int bind(int fd, const sockaddr* address, socklen_t size) {
     return answer(succeed, "bind", fd, Bytes{address, size});
 }
 int getsockname(int fd, sockaddr* address, socklen_t* size) {
-    auto* const can = reinterpret_cast<sockaddr_can*>(address);
-    can->can_family = AF_CAN;
-    can->can_ifindex = current->m_boundTo;
+    *reinterpret_cast<sockaddr_can*>(address) = {AF_CAN, current->m_boundTo, {}};
     return answer(succeed, "getsockname", fd, *size);
 }
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) {
@@ -246,41 +235,30 @@ std::ostream& operator<<(std::ostream& out, const Bytes& bytes) {
     return out << bytes.size << ':' << std::regex_replace(text.str(), std::regex("(00)*$"), "");
 }
 
-std::string bytes(const std::string& hexadecimal, size_t size) {
-    std::string result(size, '\0');
-    for (size_t i = 0; 2 * i < hexadecimal.size(); ++i) {
-        result[i] = static_cast<char>(std::stoi(hexadecimal.substr(2 * i, 2), nullptr, 16));
-    }
-    return result;
-}
-
 // Fills the part of the stack that the next call uses.
 [[gnu::noinline]] static void soilStack() {
     volatile char rubbish[4096];
     for (volatile char& byte : rubbish) byte = 0x5A;
 }
 
-static void run(const std::function<int()>& call) {
+// The lines of a call that match a regular expression, each after a separator.
+static std::string run(const std::function<int()>& call, const char* shown, const char* separator) {
     record.clear();
     soilStack();
     record.push_back("= " + std::to_string(call()));
-}
-
-std::string callsOf(const std::function<int()>& call) {
-    run(call);
-    std::string lines = "\n";
-    for (const std::string& line : record) lines += line + '\n';
+    std::string lines;
+    for (const std::string& line : record) {
+        if (std::regex_search(line, std::regex(shown))) lines += separator + line;
+    }
     return lines;
 }
 
+std::string callsOf(const std::function<int()>& call) {
+    return run(call, "", "\n") + '\n';
+}
+
 std::string outcome(const std::function<int()>& call) {
-    run(call);
-    std::string shown;
-    for (const std::string& line : record) {
-        if (!std::regex_search(line, std::regex("^(log|write|close|=)"))) continue;
-        shown += (shown.empty() ? "" : "; ") + line;
-    }
-    return shown;
+    return run(call, "^(log|write|close|=)", "; ").substr(2);
 }
 
 static long openDescriptors() {

@@ -13,7 +13,8 @@
 #include "corvel/driverforsocketcan.h"
 
 // The next call whose line contains `text` is not executed; it returns `result` and sets errno.
-// With an action, that runs first, and the call is executed.
+// With an action, that runs first, and the call is executed. A lock that the library holds then and
+// the action needs throws std::system_error, instead of blocking for ever.
 struct Answer {
     std::string text;
     int result;
@@ -43,10 +44,6 @@ private:
     const long m_descriptors;
 };
 
-// Runs an action in the middle of a call of the library. A lock that the call holds and the action
-// needs throws std::system_error, instead of blocking for ever.
-void runWithin(const std::function<void()>& action);
-
 // Makes the allocation after `after` more on this thread throw, or none if negative. Returns what
 // was left of the previous order: negative if there was none, or it has been carried out.
 long failAllocation(long after);
@@ -58,10 +55,7 @@ std::string callsOf(const std::function<int()>& call);
 // Only its log records, frames, closed sockets and result, separated by "; ".
 std::string outcome(const std::function<int()>& call);
 
-// Bytes from hexadecimal text, followed by zeros up to the size.
-std::string bytes(const std::string& hexadecimal, size_t size);
-
-// Shown as its size and such a text, without the zeros.
+// Shown as its size and hexadecimal digits, without the zeros at the end.
 struct Bytes {
     const void* data;
     size_t size;
