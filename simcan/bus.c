@@ -88,3 +88,13 @@ void noteReport(struct link* link, const struct label* report) {
     const uint64_t time = (uint64_t)report->socket << 32 | report->audience;
     if (report->link == link->number && time >= link->upSince) link->isDown = 1;
 }
+
+void noteNext(int fd, struct link* link) {
+    int next = 0;
+    struct label report;
+    REAL(ioctl)(fd, FIONREAD, &next);
+    if (next == sizeof report &&
+        REAL(recv)(fd, &report, sizeof report, MSG_PEEK | MSG_DONTWAIT) == sizeof report) {
+        noteReport(link, &report);
+    }
+}

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <limits.h>
 #include <net/if_arp.h>
 #include <netlink/cache.h>
 #include <netlink/errno.h>
@@ -160,17 +161,6 @@ EXPORT int getsockopt(int fd, int level, int option, void* value, socklen_t* siz
 
 // Frames out
 
-// Takes note of a report about the socket's own link, if that is what the next read gets.
-static void noteNext(int fd, struct link* link) {
-    int next = 0;
-    struct label report;
-    REAL(ioctl)(fd, FIONREAD, &next);
-    if (link != NULL && next == sizeof report &&
-        REAL(recv)(fd, &report, sizeof report, MSG_PEEK | MSG_DONTWAIT) == sizeof report) {
-        noteReport(link, &report);
-    }
-}
-
 static ssize_t sendPacket(int fd, const struct packet* packet, size_t size, int flags) {
     const ssize_t sent =
         sendToBus(fd, packet, FRAME_AT + size, flags & (MSG_DONTWAIT | MSG_NOSIGNAL));
@@ -190,7 +180,7 @@ static ssize_t sendFrame(int fd, struct state state, struct packet* packet, size
         (size == CAN_MTU && packet->frame.len <= CAN_MAX_DLEN) ||
         (size == CANFD_MTU && packet->frame.len <= CANFD_MAX_DLEN && (state.options & CAN_FD) != 0);
     if (!fits) return fail(EINVAL);
-    noteNext(fd, linkOf(state));
+    noteNext(fd, link);
     int room = -1;
     while (!link->isDown && (room = takeRoom(link)) == 0) {
         if (waitForRoom(fd, link, flags) != 0) return -1;
@@ -230,6 +220,7 @@ EXPORT ssize_t sendmsg(int fd, const struct msghdr* message, int flags) {
 EXPORT ssize_t writev(int fd, const struct iovec* parts, int count) {
     const struct state state = readState(fd);
     if (!state.isCan) return REAL(writev)(fd, parts, count);
+    if (count < 0 || count > IOV_MAX) return fail(EINVAL);
     struct packet packet;
     const size_t size = gather(&packet, parts, (size_t)count);
     return size == 0 ? 0 : sendFrame(fd, state, &packet, size, 0, NULL, 0);
@@ -351,6 +342,7 @@ EXPORT ssize_t read(int fd, void* data, size_t size) {
 EXPORT ssize_t readv(int fd, const struct iovec* parts, int count) {
     const struct state state = readState(fd);
     if (!state.isCan) return REAL(readv)(fd, parts, count);
+    if (count < 0 || count > IOV_MAX) return fail(EINVAL);
     struct msghdr message = {.msg_iov = (struct iovec*)(uintptr_t)parts};  // NOLINT: for reading
     size_t room = 0;
     while (message.msg_iovlen < (size_t)count) room += parts[message.msg_iovlen++].iov_len;
@@ -384,6 +376,8 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
             reportMissing(asked->ifr_name);
         return result;
     }
+    struct ifreq loopback = {.ifr_name = "lo"};
+    if (REAL(ioctl)(fd, SIOCGIFINDEX, &loopback) != 0) return -1;  // no socket
     if (request == SIOCGIFNAME) memcpy(asked->ifr_name, link->name, IFNAMSIZ);
     if (request == SIOCGIFINDEX) asked->ifr_ifindex = indexOf(link);
     if (request == SIOCGIFMTU) asked->ifr_mtu = CANFD_MTU;
@@ -419,7 +413,7 @@ EXPORT int rtnl_link_alloc_cache(struct nl_sock* socket, int family, struct nl_c
     return error;
 }
 
-// What fortified programs call, which is no call of the above within the C library.
+// Fortified programs call these; the C library's own do not go through the functions above.
 
 EXPORT ssize_t __read_chk(int fd, void* data, size_t size, size_t room) {
     return size <= room ? read(fd, data, size) : (abort(), -1);

@@ -22,7 +22,7 @@ static pthread_once_t ordersRead = PTHREAD_ONCE_INIT;
 
 #pragma weak strerrorname_np  // musl has none
 
-// By hand: strtol is a name of newer C libraries alone, where this is built with one of them.
+// Not strtol: built with a new C library, it becomes a symbol that older ones lack.
 static int parseNumber(const char* text) {
     int value = *text != '\0' ? 0 : -1;
     for (; *text != '\0'; text++) {
@@ -131,10 +131,11 @@ int takeRoom(struct link* link) {
 }
 
 // Waits in the kernel for reports about links, so that signals and time-outs are the kernel's own.
-static int waitOn(int waiter, struct link* link) {
+static int waitOn(int waiter, int fd, struct link* link) {
     struct program program;
     compileReports(&program);
     if (attachFilter(waiter, &program) != 0 || joinBuses(waiter) != 0) return -1;
+    noteNext(fd, link);  // a report that came before the waiter joined
     while (link->room == 0 && !link->isDown) {
         struct label report;
         const ssize_t received = REAL(recv)(waiter, &report, sizeof report, 0);
@@ -155,7 +156,7 @@ int waitForRoom(int fd, struct link* link, int flags) {
     if (waiter < 0) return -1;
     REAL(getsockopt)(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, &size);
     REAL(setsockopt)(waiter, SOL_SOCKET, SO_RCVTIMEO, &limit, size);
-    const int result = waitOn(waiter, link);
+    const int result = waitOn(waiter, fd, link);
     const int saved = errno;
     close(waiter);
     errno = saved;

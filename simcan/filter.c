@@ -141,8 +141,9 @@ static void addFilters(struct program* program, struct state state,
         const canid_t id = settings->filters[i].can_id;
         canid_t mask = settings->filters[i].can_mask;
         if ((mask & CAN_ERR_FLAG) != 0) {  // only error frames match it
-            if (joined) end(program, DROP);
-            continue;
+            if (!joined) continue;
+            end(program, DROP);
+            return;
         }
         if ((mask & CAN_EFF_FLAG) != 0 && (id & CAN_EFF_FLAG) == 0) {
             mask &= CAN_SFF_MASK | CAN_EFF_FLAG | CAN_RTR_FLAG;

@@ -43,7 +43,7 @@ struct link {
     uint32_t bus, number;
     _Atomic uint64_t upSince;  // when this process last bound a socket to it, in nanoseconds
     atomic_int isDown;         // as far as this process knows
-    atomic_int queue, room;  // when stalled, how many frames it takes in all and yet; else below 0
+    atomic_int queue, room;    // frames it takes while stalled, and how many more; else below 0
 };
 
 enum { LINK_LIMIT = 32 };
@@ -58,7 +58,7 @@ int indexOf(const struct link* link);
 uint64_t runNumber(void);
 // Reports, once per process, an interface that is neither real nor simulated.
 void reportMissing(const char* name);
-// Calls `add` for each word of an environment variable. Ends the process when that says 0.
+// Calls `add` for each word of an environment variable, and exits with 2 if that returns 0.
 void readWords(const char* variable, const char* otherwise, const char* separators,
                int (*add)(char* word), const char* right);
 #define BLANKS " \t\n"
@@ -90,6 +90,8 @@ void bringUp(struct link* link);
 void takeDown(struct link* link);
 // Takes note of a report about this link, unless the link was brought up after it was sent.
 void noteReport(struct link* link, const struct label* report);
+// The same for a report that the socket's next read would get.
+void noteNext(int fd, struct link* link);
 
 // filter.c: compiles what is set for a socket into a filter program, without system calls.
 
@@ -129,7 +131,7 @@ uint32_t numberOf(int fd);
 // faults.c: what a test orders. Failures set errno.
 
 int failsNow(enum simcan_Call call);
-// What room a stalled link had, of which one frame's is taken; below 0 if it is not stalled.
+// Takes room for one frame. Returns the room that there was; below 0 if the link is not stalled.
 int takeRoom(struct link* link);
 // Waits until the stall or the link ends, as a write to a full queue does: 0, or -1 with errno set.
 int waitForRoom(int fd, struct link* link, int flags);

@@ -1,4 +1,4 @@
-// Tells what is open on a simulated interface that its link went down: simcan-down NAME
+// Reports to all sockets on a simulated interface that its link went down: simcan-down NAME
 
 #include "simcan.h"
 
