@@ -61,7 +61,7 @@ REFUSED = {
 }
 CONFIGURATION = """[default]\ninterface = corvel\nchannel = can1
 bitrate = 250000\nfd = True\ndata_bitrate = 1000000"""
-START = "from corvel_can import CorvelBus, _held, can, os, threading\n"
+HEAD = "from corvel_can import CorvelBus, _held, can, os, threading\n"
 FORK = """bus = CorvelBus()
 if os.fork() == 0:
     bus.shutdown()
@@ -100,11 +100,11 @@ class CorvelBusTest(unittest.TestCase):
         call, interrupt = getattr(library, name), signal.default_int_handler
         return mock.patch.object(library, name, lambda *a: [before or call(*a), interrupt(2, None)])
 
-    def run_program(self, program):
-        words = [sys.executable, "-c", START + program]
-        return subprocess.run(words, stderr=subprocess.PIPE, text=True, timeout=60)
+    def run_program(self, code):
+        return subprocess.run([sys.executable, "-c", HEAD + code], stderr=-1, text=True, timeout=60)
 
     def test_frames(self):
+        read = self.patch(library, "corvel_readMessage", wraps=library.corvel_readMessage)
         for fd in (False, True):
             with CorvelBus(0, fd=fd) as bus, CorvelBus("can1", fd=fd) as partner:
                 other = self.enterContext(can.Bus("can1", "socketcan", fd=fd))
@@ -123,6 +123,7 @@ class CorvelBusTest(unittest.TestCase):
                     with self.subTest(message), self.assertRaises(ValueError):
                         bus.send(message)
                 self.assertIsNone(partner.recv(0))
+                self.assertEqual(read.call_args.args[2], 0)  # it did not wait
 
     def test_recv_that_waits_blocks_no_send(self):
         with CorvelBus(0) as bus, CorvelBus(1):
@@ -289,10 +290,9 @@ class CorvelBusTest(unittest.TestCase):
         for program in ENDS:
             with self.subTest(program):
                 ended = self.run_program(program)
-                up, length, *down = self.commands()
                 self.assertEqual(ended.returncode, 0)
                 self.assertNotIn("Traceback", ended.stderr)
-                self.assertEqual({*down}, {"sudo ip link set can0 down"})
+                self.assertEqual({*self.commands()[2:]}, {"sudo ip link set can0 down"})
 
 
 if __name__ == "__main__":
