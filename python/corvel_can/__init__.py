@@ -74,12 +74,12 @@ class _Adapter:
         if held is not self:
             self._questions.close()
             other = "open in this process already: shut that bus down first"
-            text = other if held._process == os.getpid() else "opened before fork"
+            text = other if held._process == os.getpid() else "in use since before fork"
             raise can.CanInitializationError(f"can{index} is {text}")
         atexit.register(self.release)
         try:
             with self._lock:  # at the end of the program, a release waits for it
-                self._status = _library.corvel_initDLL(index, *rates)
+                self._status = None if self.ended else _library.corvel_initDLL(index, *rates)
         finally:
             if self._status != _SUCCESS:
                 self.release()
@@ -93,8 +93,7 @@ class _Adapter:
         self.link_opened = self.link()
 
     def release(self) -> None:
-        """Closes the device and takes its link down. Any thread may call it. Completes a release
-        that was interrupted; does nothing after a complete one."""
+        """Takes the link down. Any thread may call it, and again after an interruption."""
         self.ended = True
         if self._process != os.getpid():
             return  # the copy that fork made
@@ -107,9 +106,10 @@ class _Adapter:
             finally:  # a link that is up still: its command was killed, or never began
                 if (self._status == _SUCCESS or not self._link_before) and self.link():
                     os.system(f"sudo ip link set can{self.index} down")
-            self._questions.close()
-            del _held[self.index]
-            atexit.unregister(self.release)
+            if _held.get(self.index) is self:  # else a signal's handler has completed it meanwhile
+                self._questions.close()
+                del _held[self.index]
+                atexit.unregister(self.release)
 
     def link(self) -> int:
         """The kernel's number of the interface; 0 if it is down or gone, or this was released."""
@@ -149,8 +149,8 @@ def _rate(rate: Any, sample_point: float, quanta: int, taken: float) -> Any:
 
 class CorvelBus(can.BusABC):
     """One adapter. Opening it configures its interface and brings it up; `shutdown`, the end of a
-    `with` block, of the object or of the program takes it down. (What ends the process at once
-    leaves it up: a SIGTERM without a handler, `os._exit`, `os.execv`.)
+    `with` block, of the object or of the program takes it down. (It stays up if the process
+    ends at once: by a SIGTERM without a handler, `os._exit`, `os.execv`.)
 
     Any thread may call `send`, `recv` and `shutdown`. One `send` and one `recv` run at a time. Both
     raise `CanOperationError` when the bus is shut down, or the link down or gone.
@@ -230,7 +230,7 @@ class CorvelBus(can.BusABC):
             if status == _SUCCESS:
                 return
             self._check(status)
-            if time.monotonic() >= limit:
+            if not self._adapter.ended and not time.monotonic() < limit:
                 raise can.CanTimeoutError(f"{self.channel}: the transmit queue is full", status)
             time.sleep(_PAUSE)
 
@@ -263,7 +263,7 @@ class CorvelBus(can.BusABC):
                 self._check(status)
             elif self._matches_filters(message := self._message(record)):
                 return message
-            if time.monotonic() >= limit:
+            if not time.monotonic() < limit:
                 return None
 
     def _message(self, record: _CanMsg) -> can.Message:
