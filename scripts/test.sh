@@ -85,8 +85,8 @@ memcheck() {
     check=(build/dev/simcan/simcan --own valgrind -q --leak-check=full --error-exitcode=9
         --show-leak-kinds=definite --errors-for-leak-kinds=definite --soname-synonyms=somalloc=nouserintercepts)
     export PELID_LOG_LEVEL=0
-    "${check[@]}" build/dev/unit_tests &&
-        "${check[@]}" build/dev/bus_test --gtest_filter='BusTest.*-*WithoutPause*' | tee build/memcheck.log &&
+    { "${check[@]}" build/dev/unit_tests &&
+        "${check[@]}" build/dev/bus_test --gtest_filter='BusTest.*-*WithoutPause*'; } | tee build/memcheck.log &&
         ! grep ' 0 tests' build/memcheck.log
 }
 

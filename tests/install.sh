@@ -16,11 +16,12 @@ build() { # FOLDER CMAKE-ARGUMENTS...
     quietly cmake --build "$1" -j2
 }
 
-echo 'Building packages twice'
+echo 'Building packages'
 quietly scripts/package.sh
 lintian --allow-root --fail-on error,warning build/package/*.changes
 read -ra packages < <(sed -n 's/^Binary: //p' build/package/*.changes)
 installed=$(dpkg-query -W "${packages[@]}" 2>/dev/null || true)
+echo 'Building them again, elsewhere'
 cd "$work"; mkdir again
 quietly dpkg-source -x "$root"/build/package/*.dsc again/elsewhere
 (cd again/elsewhere && DEB_BUILD_OPTIONS=nocheck quietly dpkg-buildpackage -b -us -uc)
@@ -65,6 +66,7 @@ CI='' fails copy/scripts/test.sh g++ >log 2>&1
 grep -q '^g++ *FAILED' log
 CI='' copy/scripts/test.sh format | grep -q '^format *LEFT OUT'
 CI=1 fails copy/scripts/test.sh format >log
+grep -q '^format *LEFT OUT' log
 
 if [ -n "$installed" ] || ! run_as_root true; then
     echo "packages: no right to install them, or one is installed here, which the test would remove"
