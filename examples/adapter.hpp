@@ -26,8 +26,8 @@ public:
     Adapter(const Adapter&) = delete;
     Adapter& operator=(const Adapter&) = delete;
 
-    // Waits for room without limit while no other adapter acknowledges: the release of the adapter
-    // on another thread ends it. False if the transmit queue is full or the link is down.
+    // Waits for room, without limit while no other adapter acknowledges: releasing this one on
+    // another thread ends the wait. False if the transmit queue is full or the link is down.
     bool write(const _corvel_CanMsg& msg) {
         return corvel_writeMessage(m_index, &msg) == CORVEL_SUCCESS;
     }

@@ -41,7 +41,7 @@ int main(int count, char** arguments) try {
     uint32_t number;
     readNumbers("usage: cyclic N    number of a CAN interface\n", count, arguments, 1, 1, &number);
     const int device = static_cast<int>(number);
-    holdSignals();  // in all threads; the main thread asks for them
+    holdSignals();  // in all threads; the main thread takes them with sigwait
 
     std::optional<Worker> sender, receiver;  // outlive the adapter, whose release ends them
     const Adapter adapter(device);

@@ -33,7 +33,7 @@ int main(int count, char** arguments) try {
     readNumbers("usage: gateway A B    numbers of two CAN interfaces\n", count, arguments, 2, 2,
                 numbers);
     const int a = static_cast<int>(numbers[0]), b = static_cast<int>(numbers[1]);
-    holdSignals();  // in all threads; the main thread asks for them
+    holdSignals();  // in all threads; the main thread takes them with sigwait
 
     std::optional<Worker> there, back;  // outlive the adapters, whose release ends them
     const Adapter first(a), second(b);

@@ -9,18 +9,19 @@
  * - Any thread may call any function, for any index. A read that waits blocks other reads of the
  *   same device, and nothing else.
  * - corvel_freeDLL() does not wait for calls in progress. They return once the link is down; until
- *   then their descriptor is not reused. A write in progress may still return 0: its frame is lost.
+ *   then their descriptor is not reused. A write in progress may still return 0, but its frame
+ *   is dropped.
  * - A device delivers frames of its own interface only. After its adapter was removed, it neither
  *   receives nor sends until it is released and initialised again.
  * - Failures are reported by status; the reason goes to the log (libpelid_log.so). The only
- *   exception is std::bad_alloc. It leaves no lock held and no descriptor open: an initialisation
- *   has registered nothing, a release has removed the device. The link may stay up.
+ *   C++ exception is std::bad_alloc. After it, no lock is held and no descriptor is open; an
+ *   initialisation has registered nothing, a release has removed the device. The link may stay up.
  * - Process exit and unloading never block on a lock.
  *
  * What the caller must do:
  * - Release every device, and end the calls of other threads, before the process exits or the
  *   library is unloaded. A device that is not released keeps its link up, and the next
- *   corvel_initDLL() fails. A call that meets the end of the process may crash.
+ *   corvel_initDLL() fails. A call that runs while the process ends may crash.
  * - For one index, run no initialisation at the same time as another one or as a release. Of two
  *   initialisations that overlap, one leaves its socket open until the process exits.
  * - Initialise and release a device in one network namespace, and rename no link meanwhile.
@@ -92,7 +93,7 @@ typedef struct _corvel_CanMsg {
  * @param bitrate  nominal bit rate in kbit/s, at most 4294967; checked only by the kernel's CAN
  *                 driver. 0 keeps the timing that the link has.
  * @param canFd    true: CAN FD. Every frame is then sent as a CAN FD frame with bit-rate switch.
- * @param dbitrate data-phase bit rate in kbit/s, as bitrate; without effect unless canFd
+ * @param dbitrate data-phase bit rate in kbit/s, in the same range; ignored unless canFd
  * @retval CORVEL_SUCCESS (0) the device is open
  * @retval CORVEL_NO_DEVICE (1) the index is initialised already, the interfaces cannot be listed,
  *         or none has this number

@@ -94,7 +94,7 @@ bool bindSocket(int fd, const std::string& name) {
 // Ends reads that wait on a socket whose link was down before; the socket is closed next. The
 // kernel reports a link that is down when a socket is bound to it, but ignores a bind to the same
 // interface as before. So the socket is bound to all interfaces in between, with a filter that
-// passes none of their frames. The report that a link goes down later still comes.
+// passes none of their frames. A link that is up still reports its going down afterwards.
 void wakeReads(int fd) {
     sockaddr_can address{};
     socklen_t length = addressLength;

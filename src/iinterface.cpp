@@ -13,9 +13,9 @@ namespace corvel {
 namespace {
 
 // Calls that are still running use the number of `fd`, so nothing else may get it: the socket moves
-// to another number, for the driver to close, and an unconnected socket takes the old one, on which
-// no select waits and every read and write fails. Returns the number that is occupied now, or -1
-// when there is no descriptor to spare; then `fd` is left alone.
+// to another number, for the driver to close, and an unconnected socket takes the old one: on it,
+// select returns at once and every read and write fails. Returns the number that is occupied now,
+// or -1 when there is no descriptor to spare; then `fd` is left alone.
 int reserveNumber(int& fd) {
     const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (copy < 0) return -1;

@@ -26,20 +26,20 @@ std::mutex m_mutex;  // guards m_devMap and nothing else
 std::map<unsigned int, std::shared_ptr<IInterface>> m_devMap;
 
 // The device registered under devIndex, or an empty pointer after logging the refusal.
-std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* refusal) {
+std::shared_ptr<IInterface> lookUp(int32_t devIndex, const char* message) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_devMap.find(static_cast<unsigned int>(devIndex));
     if (found != m_devMap.end()) return found->second;
-    CORVEL_LOG(refusal, refusal);
+    CORVEL_LOG(refusal, message);
     return nullptr;
 }
 
 // The same, and takes it out of the registry.
-std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* refusal) {
+std::shared_ptr<IInterface> takeOut(int32_t devIndex, const char* message) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto entry = m_devMap.extract(static_cast<unsigned int>(devIndex));
     if (!entry.empty()) return entry.mapped();
-    CORVEL_LOG(refusal, refusal);
+    CORVEL_LOG(refusal, message);
     return nullptr;
 }
 

@@ -23,9 +23,9 @@ public:
         unsigned int index, const std::vector<std::shared_ptr<IInterface>>& devices) override;
 
     /// Brings the link up with the given timing, sets its transmit queue length and binds a raw CAN
-    /// socket to it. On failure the socket is closed; commands that succeeded are not undone. A
-    /// name is refused that a shell could misread: longer than 15 characters, with other characters
-    /// than letters, digits, '.', '_' and '-', or with '-' first.
+    /// socket to it. On failure the socket is closed; commands that succeeded are not undone.
+    /// Refuses a name that a shell could misread: over 15 characters, with other characters than
+    /// letters, digits, '.', '_' and '-', or with '-' first.
     bool open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
               unsigned int dbitrate) override;
 

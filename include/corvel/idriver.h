@@ -28,15 +28,15 @@ public:
         unsigned int index, const std::vector<std::shared_ptr<IInterface>>& devices) = 0;
 
     /// Configures and opens a device. `desc.fd` is then -1 or a file descriptor of its own, above 2
-    /// and close-on-exec. Anything else belongs into `desc.handle`. Rates in bit/s.
+    /// and close-on-exec. Anything else belongs in `desc.handle`. Rates in bit/s.
     virtual bool open(IInterface::DeviceDesc& desc, unsigned int bitrate, bool canFd,
                       unsigned int dbitrate) = 0;
 
     /// Closes `desc.fd` unless it is -1, sets it to -1, and shuts the device down. Must also end
-    /// reads and writes that wait. If there are any, `desc.fd` is a duplicate, and their number is
-    /// kept safe until they return. Nothing keeps `desc.handle` safe: a read or write that waits
-    /// its turn still uses its copy after close() has returned. What it points to must stay valid
-    /// until the last call that began before has ended.
+    /// reads and writes that wait. If there are any, `desc.fd` is a duplicate, and the number
+    /// that they use stays reserved until they return. Nothing keeps `desc.handle` safe: a read or
+    /// write that waits its turn still uses its copy after close() has returned. What it points to
+    /// must stay valid until the last call that began before has ended.
     virtual void close(IInterface::DeviceDesc& desc) = 0;
 
     /// Waits at most `timeout` ms (0: polls) for one frame and stores it in `msg`. `msg` is left
