@@ -51,20 +51,18 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     EXPECT_EQ(driver->m_desc->ifindex, 8);
 }
 
-static const std::string down = "log 2 sudo ip link set can0 down; = 0";
-
 TEST_F(HandleTest, ADeviceThatFailedToOpenIsNotReadButClosed) {
     m_answers = {{"bind", -1}};
     EXPECT_FALSE(open());
     EXPECT_EQ(callsOf(read), "\n= 0\n");
-    EXPECT_EQ(outcome(close), down);
+    EXPECT_EQ(outcome(close), "log 2 sudo ip link set can0 down; = 0");
 }
 
 TEST_F(HandleTest, ADeviceIsOpenedOnceAndAgainAfterItsClose) {
     EXPECT_TRUE(m_device->open(1, true, 2));
     EXPECT_EQ(outcome(open), "log 3 The device is already open!; = 0");
     EXPECT_EQ(outcome(write), "write 50 72:000000000001; = 1") << "the mode has changed";
-    EXPECT_EQ(outcome(close), "close 50; " + down);
+    EXPECT_EQ(outcome(close), "close 50; log 2 sudo ip link set can0 down; = 0");
     EXPECT_EQ(outcome(write), "log 4 Failed to write, isOpen:0 fd:-1 handle:0; = 0");
     EXPECT_TRUE(open());
     EXPECT_EQ(outcome(write), "write 50 16:; = 1");
