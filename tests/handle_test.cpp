@@ -109,7 +109,7 @@ TEST_F(HandleTest, ADriverThatThrowsLeavesNoLockHeldAndTheStateAsItWas) {
 
 TEST_F(HandleTest, ReadsAndWritesUseTheDescriptorAsItIsWhenTheyBegin) {
     ASSERT_TRUE(open());
-    m_answers = {{"select 50", 0, 0, [this] { driver->m_desc->fd = 60; }}, {"read 50", -1}};
+    m_answers = {{"select 50", 0, 0, [] { driver->m_desc->fd = 60; }}, {"read 50", -1}};
     ASSERT_EQ(::write(50, &m_msg, 16), 16);
     EXPECT_FALSE(read());
     m_answers.push_back({"select 60", 0});
