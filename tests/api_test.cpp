@@ -123,7 +123,6 @@ TEST_F(ReleaseTest, TheNumberIsNotReusedBeforeTheReadReturns) {
 TEST_F(ReleaseTest, NoProgramInheritsTheSocketOrItsNumber) {
     during("close", [this] { EXPECT_EQ(fcntl(m_free, F_GETFD), FD_CLOEXEC); });
     releaseDuringSelect([] { EXPECT_EQ(fcntl(50, F_GETFD), FD_CLOEXEC); });
-    EXPECT_TRUE(m_answers.empty());
 }
 
 TEST_F(ReleaseTest, AClosedStandardInputIsLeftClosed) {

@@ -270,6 +270,7 @@ RecorderTest::RecorderTest() : m_descriptors(openDescriptors()) {
 }
 
 RecorderTest::~RecorderTest() {
+    for (const Answer& left : m_answers) ADD_FAILURE() << "no call was: " << left.text;
     for (const int32_t index : {0, 1}) corvel_freeDLL(index);
     current = nullptr;
     EXPECT_EQ(openDescriptors(), m_descriptors) << "leaked";
