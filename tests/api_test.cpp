@@ -159,13 +159,15 @@ TEST_F(ReleaseTest, ASocketOfARemovedAdapterOrOfAnotherKindIsOnlyClosed) {
     EXPECT_EQ(callsOf(release), closed);
 }
 
-TEST_F(ApiTest, ASocketIsMovedOffAClosedStandardStream) {
+TEST_F(ApiTest, ASocketIsMovedOffAClosedStandardStreamAndNotInherited) {
     for (const int stream : {STDIN_FILENO, STDERR_FILENO}) {
-        const int kept = dup(stream);
+        const int kept = fcntl(stream, F_DUPFD_CLOEXEC, 40), moved = dup(kept);
+        ::close(moved);
         ::close(stream);
         m_firstSocket = stream;
         EXPECT_EQ(init(), CORVEL_SUCCESS);
         EXPECT_FALSE(isOpen(stream));
+        EXPECT_EQ(fcntl(moved, F_GETFD), FD_CLOEXEC);
         release();
         dup2(kept, stream);
         ::close(kept);

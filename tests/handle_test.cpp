@@ -18,16 +18,17 @@ public:
     }
     IInterface::DeviceDesc* m_desc = nullptr;
 };
-static const auto driver = std::make_shared<TestDriver>();
-
-static std::shared_ptr<IInterface> handle(const std::string& name) {
-    return std::make_shared<IInterface>(driver, IInterface::DeviceDesc{-1, -1, name, nullptr});
-}
 
 class HandleTest : public RecorderTest {
 protected:
     ~HandleTest() override { m_device->close(); }
 
+    std::shared_ptr<IInterface> handle(const std::string& name) const {
+        return std::make_shared<IInterface>(m_driver,
+                                            IInterface::DeviceDesc{-1, -1, name, nullptr});
+    }
+
+    const std::shared_ptr<TestDriver> m_driver = std::make_shared<TestDriver>();
     std::shared_ptr<IInterface> m_device = handle("can0");
     _corvel_CanMsg m_msg{};
     const std::function<int()> open = [this] { return m_device->open(1, false, 2); };
@@ -40,15 +41,15 @@ TEST_F(HandleTest, AScanAppendsCanLinksAndALookUpTakesTheFirstOfTheName) {
     m_links = {{280, "can10"}, {1, "can7"},   {280, "can01"}, {280, ""},    {280, "CAN1"},
                {281, "can8"},  {279, "can9"}, {280, "can1"},  {280, "can0"}};
     std::vector<std::shared_ptr<IInterface>> devices{m_device};
-    ASSERT_TRUE(driver->scanDevices(devices));
+    ASSERT_TRUE(m_driver->scanDevices(devices));
     std::string names;
     for (const auto& device : devices) names += device->name() + ' ';
     ASSERT_EQ(names, "can0 can10 can01  CAN1 can1 can0 ");
-    EXPECT_EQ(driver->getDeviceByIndex(0, devices), m_device);
-    EXPECT_EQ(driver->getDeviceByIndex(7, devices), nullptr);
-    m_device = driver->getDeviceByIndex(1, devices);
+    EXPECT_EQ(m_driver->getDeviceByIndex(0, devices), m_device);
+    EXPECT_EQ(m_driver->getDeviceByIndex(7, devices), nullptr);
+    m_device = m_driver->getDeviceByIndex(1, devices);
     ASSERT_TRUE(open());
-    EXPECT_EQ(driver->m_desc->ifindex, 8);
+    EXPECT_EQ(m_driver->m_desc->ifindex, 8);
 }
 
 TEST_F(HandleTest, ADeviceThatFailedToOpenIsNotReadButClosed) {
@@ -87,7 +88,7 @@ TEST_F(HandleTest, NamesThatAShellCouldMisreadRunNoCommand) {
 
 TEST_F(HandleTest, DescriptorsThatAreNotOpenFailAtOnce) {
     IInterface::DeviceDesc desc;
-    const auto readIt = [&] { return driver->readMessage(desc, m_msg, false, 60000); };
+    const auto readIt = [&] { return m_driver->readMessage(desc, m_msg, false, 60000); };
     for (const int fd : {-1, 40, 1024}) {
         desc.fd = fd;
         EXPECT_EQ(outcome(readIt), "log 4 select() error: Bad file descriptor; = 0");
@@ -109,14 +110,14 @@ TEST_F(HandleTest, ADriverThatThrowsLeavesNoLockHeldAndTheStateAsItWas) {
 
 TEST_F(HandleTest, ReadsAndWritesUseTheDescriptorAsItIsWhenTheyBegin) {
     ASSERT_TRUE(open());
-    m_answers = {{"select 50", 0, 0, [] { driver->m_desc->fd = 60; }}, {"read 50", -1}};
+    m_answers = {{"select 50", 0, 0, [this] { m_driver->m_desc->fd = 60; }}, {"read 50", -1}};
     ASSERT_EQ(::write(50, &m_msg, 16), 16);
     EXPECT_FALSE(read());
     m_answers.push_back({"select 60", 0});
     m_answers.push_back({"write 60", 16});
     EXPECT_FALSE(read());
     EXPECT_TRUE(write());
-    driver->m_desc->fd = 50;
+    m_driver->m_desc->fd = 50;
 }
 
 TEST_F(HandleTest, AReadBlocksReadsAloneAndAWriteWrites) {
