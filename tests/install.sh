@@ -52,11 +52,8 @@ include(FetchContent)
 FetchContent_Declare(tn_corvel SOURCE_DIR ${ROOT} OVERRIDE_FIND_PACKAGE)
 CMAKE
 build inside -G 'Unix Makefiles' -S "$root/examples" -DROOT="$root" -DBUILD_SHARED_LIBS=OFF \
-    -DCMAKE_PROJECT_TOP_LEVEL_INCLUDES="$work/parent.cmake" -DCORVEL_SIMCAN=ON \
-    -DCMAKE_CXX_STANDARD=20 -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
+    -DCMAKE_PROJECT_TOP_LEVEL_INCLUDES="$work/parent.cmake" -DCORVEL_SIMCAN=ON
 inside/simcan/simcan inside/exchange 2>/dev/null | grep -q -x 'all as expected'
-grep -q 'std=c++20.*tn_corvel' inside/compile_commands.json
-grep -q -x 'CMAKE_BUILD_TYPE:STRING=' inside/CMakeCache.txt
 quietly cmake --install inside --prefix "$work/installed"
 for file in installed inside/*.so; do test ! -e "$file"; done
 
