@@ -258,8 +258,8 @@ EXPORT int sendmmsg(int fd, struct mmsghdr* messages, unsigned count, int flags)
 
 // Frames in
 
-// The interface that a socket receives a frame on: its own, or for a socket that is bound to all of
-// them, the sender's, or another on the bus if that is unknown or the frame was for others alone.
+// The interface that a socket receives a frame on: its own. If it is bound to all of them, the
+// sender's, or another one of the bus if that is unknown or the frame was for other links only.
 static struct link* receivedOn(struct state state, const struct label* label) {
     struct link* found = linkOf(state);
     for (int i = 0; state.link == ALL_LINKS && i < linkCount(); i++) {

@@ -1,4 +1,4 @@
-// What a healthy bus never shows, ordered by a test: in the environment, or through simcan.h.
+// Faults that a test orders, by environment variables or through simcan.h.
 
 #include <errno.h>
 #include <fcntl.h>

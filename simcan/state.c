@@ -5,8 +5,7 @@
 
 #include "internal.h"
 
-// A state is kept in the low-water mark, which datagrams have no use for. Its high bits tell CAN
-// sockets from others.
+// A state is stored in SO_RCVLOWAT, which datagrams ignore. Its high bits mark CAN sockets.
 enum { MARK = 0x5CA00000, MARK_BITS = 0x3FF };
 
 struct state readState(int fd) {

@@ -1,6 +1,6 @@
-// What an application sees of can0 and can1 on one bus, be it simulated, the kernel's virtual one
-// or a real one. CORVEL_TEST_REMOVE is a command that removes can0; CORVEL_CLASSIC says that the
-// controllers know no CAN FD, and hold four frames.
+// What an application sees of can0 and can1 on one bus: simulated, virtual or real.
+// CORVEL_TEST_REMOVE is a command that removes can0; CORVEL_CLASSIC says that the controllers know
+// no CAN FD, and hold four frames.
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -40,7 +40,7 @@ static const char* const cut = "sudo ip link set can0 down";
 static const char* const bringUp =
     "sudo ip link set can0 up type can bitrate 500000 sample-point 0.875 restart-ms 0";
 
-// Makes a call in the background, again and again while it lives, with pauses where it fails.
+// Repeats a call in the background while the object lives, with a pause after each failure.
 class Repeated {
 public:
     explicit Repeated(const std::function<bool()>& call)
@@ -60,7 +60,7 @@ private:
     std::thread m_thread;
 };
 
-// Waits for something, at least ten seconds; false when it did not come.
+// Waits at least ten seconds for a condition; false if it did not come true.
 static bool eventually(const std::function<bool()>& happened) {
     for (int i = 0; i < 10000 && !happened(); ++i) sleep_for(milliseconds(1));
     return happened();
@@ -128,15 +128,15 @@ TEST_F(BusTest, AReleaseEndsAReadAndThoseThatWaitTheirTurn) {
     second.returnsAfter([] { return open(0); });
 }
 
-// A link that goes down by other hands is reported once.
+// The kernel reports once that a link went down. A release ends a read that began after that.
 TEST_F(BusTest, AReleaseEndsAReadThatBeganOnADeadLink) {
     openBoth();
     WaitingRead().returnsAfter([] { return system(cut); });
     WaitingRead().returnsAfter([] { return corvel_freeDLL(0); });
 }
 
-// Writes without pause may take from a read what tells it that the link is down; a release does not
-// leave such a read behind, be the link down still or up again.
+// Writes without pause may consume the report that a read waits for. A release still ends that
+// read, whether the link is down or up again.
 TEST_F(BusTest, AReleaseEndsReadsThatWritesWithoutPauseMet) {
     openBoth();
     const Repeated reader([] { return read(0, 20) == 0; });
@@ -153,7 +153,7 @@ TEST_F(BusTest, AReleaseEndsReadsThatWritesWithoutPauseMet) {
     }
 }
 
-// Removed under reads and writes of all, while the frames of another pair hold the number -1.
+// The adapter is removed while all read and write; frames of another pair hold the number -1.
 TEST_F(BusTest, ARemovedAdapterDeliversNoFrameOfAnotherInterface) {
     const char* const removal = getenv("CORVEL_TEST_REMOVE");
     if (removal == nullptr) GTEST_SKIP() << "nothing says how to remove can0";

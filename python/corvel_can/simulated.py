@@ -1,4 +1,4 @@
-"""What a healthy bus never shows an application, for its own tests on the simulated bus.
+"""Faults for tests of an application on the simulated bus.
 
     import errno
     from corvel_can.simulated import Call, fail_next
