@@ -1,10 +1,10 @@
 // Failures that a healthy bus never shows, for tests of an application: simcan ./failures
 
 #include <errno.h>
+#include <pthread.h>
 #include <simcan.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <threads.h>
 #include <time.h>
 #include <tn_corvel.h>
 
@@ -15,10 +15,10 @@ static void expect(const char* what, int status, int expected) {
     if (status != expected) surprises++;
 }
 
-static int releaseSoon(void* unused) {
-    (void)unused;
-    thrd_sleep(&(struct timespec){.tv_nsec = 200000000}, NULL);
-    return corvel_freeDLL(0);
+static void* releaseSoon(void* status) {
+    nanosleep(&(struct timespec){.tv_nsec = 200000000}, NULL);
+    *(int*)status = corvel_freeDLL(0);
+    return NULL;
 }
 
 int main(void) {
@@ -49,12 +49,12 @@ int main(void) {
 
     expect("initialise again", corvel_initDLL(0, 500, false, 0), CORVEL_SUCCESS);
     simcan_stall("can0", 0);  // nobody acknowledges: a write waits
-    thrd_t other;
+    pthread_t other;
     int released = -1;
-    thrd_create(&other, releaseSoon, NULL);
+    pthread_create(&other, NULL, releaseSoon, &released);
     expect("a write until another thread releases", corvel_writeMessage(0, &msg),
            CORVEL_NOT_WRITTEN);
-    thrd_join(other, &released);
+    pthread_join(other, NULL);
     expect("that release", released, CORVEL_SUCCESS);
 
     puts(surprises == 0 ? "all as expected" : "NOT as expected");
