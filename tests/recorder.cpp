@@ -100,9 +100,11 @@ long failAllocation(long after) {
 
 // Not inlined, so that compilers do not take these for mismatched pairs.
 #ifndef THREAD_SANITIZER  // it does not let a program replace its own
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return allocationsLeft >= 0 && allocationsLeft-- == 0 ? nullptr : malloc(size);
+}
 [[gnu::noinline]] void* operator new(size_t size) {
-    const bool fails = allocationsLeft >= 0 && allocationsLeft-- == 0;
-    if (void* memory = fails ? nullptr : malloc(size)) return memory;
+    if (void* memory = operator new(size, std::nothrow)) return memory;
     throw std::bad_alloc();
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
